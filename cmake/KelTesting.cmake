@@ -1,0 +1,34 @@
+# kel_add_test(NAME <name> SOURCES <src>... [LIBS <lib>...] [TIMEOUT <s>] [THREADED])
+#
+# One GoogleTest executable registered with CTest as a single test, so that
+# its time-out covers the whole executable and a lost signal or a deadlock
+# shows up as a failure instead of a hung run. THREADED marks the tests that
+# start threads; the TSan preset runs only those.
+function(kel_add_test)
+  cmake_parse_arguments(ARG "THREADED" "NAME;TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 60)
+  endif()
+  add_executable(${ARG_NAME} ${ARG_SOURCES})
+  target_link_libraries(${ARG_NAME} PRIVATE ${ARG_LIBS} GTest::gmock GTest::gtest_main Threads::Threads)
+  add_test(NAME ${ARG_NAME} COMMAND ${ARG_NAME})
+  set(labels unit)
+  if(ARG_THREADED)
+    list(APPEND labels threaded)
+  endif()
+  set_tests_properties(${ARG_NAME} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${labels}")
+endfunction()
+
+# Adds every immediate subdirectory of the current source directory that has a
+# CMakeLists.txt, so that each area can be added without touching its parent.
+function(kel_add_subdirectories)
+  file(GLOB children LIST_DIRECTORIES true RELATIVE ${CMAKE_CURRENT_SOURCE_DIR}
+       ${CMAKE_CURRENT_SOURCE_DIR}/*)
+  list(SORT children)
+  foreach(child IN LISTS children)
+    if(IS_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/${child}
+       AND EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${child}/CMakeLists.txt)
+      add_subdirectory(${child})
+    endif()
+  endforeach()
+endfunction()

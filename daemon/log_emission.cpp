@@ -1,0 +1,46 @@
+#include "daemon/log_emission.h"
+
+#include <mutex>
+#include <string>
+
+#include "platform/libc/progname.h"
+
+namespace kel {
+
+void logInfo(const std::shared_ptr<lum::LogServer>& logServer, const char* text) {
+    // The handle outlives the logger it came from: the logging library keeps
+    // system-log handles for the life of the process.
+    systemlog::Handle handle;
+    {
+        const lum::StaticLogger mirror(std::string(getprogname()), logServer);
+        handle = mirror.handle();
+    }
+    if (systemlog::isEnabled(handle, systemlog::Level::kDefault)) {
+        systemlog::write(handle, systemlog::Level::kDefault, "#I %s", text);
+    }
+
+    const lum::StaticLogger logger(std::string(getprogname()), logServer);
+    if (logger.shouldLog(kLifecycleLevel)) {
+        logger.forceLog(kLifecycleLevel, lum::LogMessageBuffer::createWithFormat("%s", text));
+    }
+}
+
+lum::OsLogContext& globalLogContext() {
+    static lum::OsLogContext sContext;
+    static std::once_flag sOnce;
+    std::call_once(sOnce, [] { sContext = lum::OsLogContext(lum::kTelephonySubsystem, "global"); });
+    return sContext;
+}
+
+lum::StaticLogger& globalLogger(const std::shared_ptr<lum::LogServer>& logServer) {
+    static lum::StaticLogger sLogger;
+    static std::once_flag sOnce;
+    std::call_once(sOnce, [server = logServer] {
+        const lum::StaticLogger bound(globalLogContext(), server);
+        static_cast<lum::LoggerCommonBase&>(sLogger) = bound;
+        sLogger.setSink(bound.sink());
+    });
+    return sLogger;
+}
+
+}  // namespace kel

@@ -1,0 +1,91 @@
+// kelhelperd: hosts the helper server until it goes idle or SIGTERM arrives.
+//
+// It takes no arguments, reads no environment variable and always exits with
+// status 0. Shutdown runs in a fixed order: stop the helper server, report
+// "Exit!", flush and close the log server, then drop the helper server, the
+// log writer and the log server.
+#include <memory>
+#include <string>
+
+#include "daemon/log_emission.h"
+#include "daemon/watches.h"
+#include "platform/dispatch/dispatch.h"
+#include "platform/helperserver/helper_server.h"
+#include "platform/libc/progname.h"
+#include "platform/logging/log.h"
+#include "platform/runloop/run_loop.h"
+
+namespace {
+
+// Each run-loop turn lasts at most this long; the watches end the loop through
+// main-queue tasks, which end the turn that runs them.
+constexpr double kRunLoopSliceSeconds = 2.0;
+
+// The hosting decision. The hosting function is imported weakly: a helper
+// server library without it means this process may not host.
+std::shared_ptr<kel::HelperServer> createHelperServerIfAllowed(
+    const std::shared_ptr<lum::LogServer>& logServer) {
+    if (&sCanHostHelperServer == nullptr || sCanHostHelperServer() == 0) {
+        return nullptr;
+    }
+    return kel::HelperServer::create(logServer);
+}
+
+void runUntilExitRequested() {
+    do {
+        runloop::runInDefaultMode(kRunLoopSliceSeconds, true);
+    } while (kel::sShouldExit != 1);
+}
+
+void shutDownLogging(const std::shared_ptr<lum::LogServer>& logServer) {
+    kel::logInfo(logServer, kel::kExitMessage);
+    dispatch_group_t flushed = logServer->flush();
+    if (flushed != nullptr) {
+        dispatch_group_wait(flushed, DISPATCH_TIME_FOREVER);
+    }
+    logServer->close();
+    if (flushed != nullptr) {
+        dispatch_release(flushed);
+    }
+}
+
+}  // namespace
+
+int main(int /*argc*/, char** /*argv*/) {
+    // The daemon's own log file plugs in here: its writer is prepared before
+    // the log server exists, attached right after the server is created, and
+    // closed after the log server has shut down.
+    std::shared_ptr<lum::LogServer> logServer = lum::LogServer::create(getprogname());
+    if (logServer) {
+        logServer->start();
+    }
+
+    std::shared_ptr<kel::HelperServer> server = createHelperServerIfAllowed(logServer);
+    if (server) {
+        server->start();
+        dispatch_source_t terminationWatch = kel::installTerminationWatch(logServer);
+        dispatch_source_t idleWatch = kel::installIdleWatch(server, logServer);
+
+        runUntilExitRequested();
+
+        server->stop();
+        // Neither watch is cancelled here: the one that ended the loop has
+        // cancelled itself, and the other may still fire harmlessly.
+        if (idleWatch != nullptr) {
+            dispatch_release(idleWatch);
+        }
+        if (terminationWatch != nullptr) {
+            dispatch_release(terminationWatch);
+        }
+    } else if (logServer) {
+        kel::logInfo(logServer, kel::kNotAllowedMessage);
+    }
+
+    if (logServer) {
+        shutDownLogging(logServer);
+    }
+
+    server.reset();
+    logServer.reset();
+    return 0;
+}

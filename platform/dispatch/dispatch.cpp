@@ -1,0 +1,723 @@
+#include "platform/dispatch/dispatch.h"
+
+#include <linux/futex.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "platform/dispatch/dispatch_internal.h"
+#include "platform/threads/signal_mask.h"
+
+using dispatch::internal::Work;
+using dispatch::internal::WorkList;
+
+namespace dispatch::internal {
+
+void WorkList::push(Work* work) {
+    work->next = nullptr;
+    if (tail_) {
+        tail_->next = work;
+    } else {
+        head_ = work;
+    }
+    tail_ = work;
+}
+
+Work* WorkList::pop() {
+    Work* work = head_;
+    if (work) {
+        head_ = work->next;
+        if (!head_) {
+            tail_ = nullptr;
+        }
+    }
+    return work;
+}
+
+WorkList WorkList::take() {
+    WorkList taken = *this;
+    head_ = tail_ = nullptr;
+    return taken;
+}
+
+dispatch_time_t monotonicNow() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
+}
+
+bool futexWait(std::atomic<uint32_t>& word, uint32_t expected, dispatch_time_t deadline) {
+    static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t));
+    timespec limit{};
+    const timespec* limitPtr = nullptr;
+    if (deadline != DISPATCH_TIME_FOREVER) {
+        limit.tv_sec = static_cast<time_t>(deadline / 1'000'000'000u);
+        limit.tv_nsec = static_cast<long>(deadline % 1'000'000'000u);
+        limitPtr = &limit;
+    }
+    // FUTEX_WAIT_BITSET takes an absolute CLOCK_MONOTONIC deadline, so a
+    // wait interrupted and restarted never stretches the time-out.
+    const long rc = syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word),
+                            FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, expected, limitPtr, nullptr,
+                            FUTEX_BITSET_MATCH_ANY);
+    return !(rc != 0 && errno == ETIMEDOUT);
+}
+
+void futexWake(std::atomic<uint32_t>& word, int count) {
+    syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word), FUTEX_WAKE | FUTEX_PRIVATE_FLAG, count,
+            nullptr, nullptr, 0);
+}
+
+bool startThread(void* (*entry)(void*), void* arg) {
+    const platform::ScopedThreadSignalMask mask;
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_t thread;
+    const int rc = pthread_create(&thread, &attr, entry, arg);
+    pthread_attr_destroy(&attr);
+    return rc == 0;
+}
+
+}  // namespace dispatch::internal
+
+namespace {
+
+using dispatch::internal::futexWait;
+using dispatch::internal::futexWake;
+
+// Work submitted with dispatch_async_f.
+struct FunctionWork : Work {
+    FunctionWork(void* context, dispatch_function_t function)
+        : context(context), function(function) {
+        run = [](Work* self) {
+            auto* work = static_cast<FunctionWork*>(self);
+            work->function(work->context);
+            delete work;
+        };
+    }
+    void* context;
+    dispatch_function_t function;
+};
+
+// Work submitted with dispatch_async.
+struct BlockWork : Work {
+    explicit BlockWork(dispatch_block_t block) : block(std::move(block)) {
+        run = [](Work* self) {
+            auto* work = static_cast<BlockWork*>(self);
+            work->block();
+            delete work;
+        };
+    }
+    dispatch_block_t block;
+};
+
+// Work whose submitter waits, on its own stack, until a queue thread ran it.
+struct WaitedWork : Work {
+    WaitedWork(void* context, dispatch_function_t function) : context(context), function(function) {
+        run = [](Work* self) {
+            auto* work = static_cast<WaitedWork*>(self);
+            work->function(work->context);
+            work->done.store(1, std::memory_order_release);
+            futexWake(work->done, 1);
+        };
+    }
+    void wait() {
+        while (done.load(std::memory_order_acquire) == 0) {
+            futexWait(done, 0, DISPATCH_TIME_FOREVER);
+        }
+    }
+    void* context;
+    dispatch_function_t function;
+    std::atomic<uint32_t> done{0};
+};
+
+// A dispatch_sync caller queued behind asynchronous work; the serial queue is
+// handed to it when its turn comes, and it runs its work on its own thread.
+struct SyncWaiter : Work {
+    std::atomic<uint32_t> ready{0};
+};
+
+// The default-priority global queue: a pool of worker threads, started as work
+// arrives and capped at twice the CPU count (at least 4). Idle workers sleep
+// on a condition variable without time-out.
+class GlobalQueue final : public dispatch_queue_s {
+  public:
+    GlobalQueue()
+        : dispatch_queue_s(Kind::kGlobalQueue, true, "global"),
+          maxThreads_(std::max(4, 2 * static_cast<int>(std::thread::hardware_concurrency()))) {}
+
+    void enqueue(Work* work) {
+        bool notify = false;
+        bool spawn = false;
+        {
+            std::lock_guard lock(mutex_);
+            items_.push(work);
+            // Each wake token is claimed by a distinct idle worker, so
+            // idle_ - wakeTokens_ workers are still free to take new work.
+            if (idle_ > wakeTokens_) {
+                ++wakeTokens_;
+                notify = true;
+            } else if (threads_ < maxThreads_) {
+                ++threads_;
+                spawn = true;
+            }
+        }
+        if (notify) {
+            wakeup_.notify_one();
+        }
+        if (spawn && !dispatch::internal::startThread(&GlobalQueue::workerMain, this)) {
+            std::lock_guard lock(mutex_);
+            --threads_;
+        }
+    }
+
+  private:
+    static void* workerMain(void* arg) {
+        static_cast<GlobalQueue*>(arg)->serve();
+        return nullptr;
+    }
+
+    void serve() {
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            if (Work* work = items_.pop()) {
+                lock.unlock();
+                work->run(work);
+                lock.lock();
+                continue;
+            }
+            ++idle_;
+            wakeup_.wait(lock, [this] { return wakeTokens_ > 0; });
+            --wakeTokens_;
+            --idle_;
+        }
+    }
+
+    const int maxThreads_;
+    std::mutex mutex_;
+    std::condition_variable wakeup_;
+    WorkList items_;
+    int threads_ = 0;
+    int idle_ = 0;
+    int wakeTokens_ = 0;
+};
+
+GlobalQueue* globalQueue() {
+    static GlobalQueue* const sQueue = new GlobalQueue;
+    return sQueue;
+}
+
+bool onMainThread() {
+    return gettid() == getpid();
+}
+
+// The main queue: work waits in a list until the main run loop drains it. An
+// eventfd is readable exactly while the list is non-empty (both change under
+// the same lock), which is what the run loop sleeps on.
+class MainQueue final : public dispatch_queue_s {
+  public:
+    MainQueue()
+        : dispatch_queue_s(Kind::kMainQueue, true, "main"),
+          wakeupFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+    int wakeupFd() const { return wakeupFd_; }
+
+    void enqueue(Work* work) {
+        std::lock_guard lock(mutex_);
+        const bool wasEmpty = items_.empty();
+        items_.push(work);
+        if (wasEmpty && wakeupFd_ >= 0) {
+            const uint64_t one = 1;
+            (void)!write(wakeupFd_, &one, sizeof one);
+        }
+    }
+
+    int drain() {
+        WorkList batch;
+        {
+            std::lock_guard lock(mutex_);
+            if (items_.empty()) {
+                return 0;
+            }
+            batch = items_.take();
+            uint64_t count;
+            (void)!read(wakeupFd_, &count, sizeof count);
+        }
+        int ran = 0;
+        while (Work* work = batch.pop()) {
+            work->run(work);
+            ++ran;
+        }
+        return ran;
+    }
+
+  private:
+    const int wakeupFd_;
+    std::mutex mutex_;
+    WorkList items_;
+};
+
+MainQueue* mainQueue() {
+    static MainQueue* const sQueue = new MainQueue;
+    return sQueue;
+}
+
+// A serial queue.
+//
+// Exclusivity is one atomic word. dispatch_sync on an idle queue takes it with
+// a single compare-and-swap, runs the work on the calling thread and gives it
+// back with another: no hand-off, no allocation. Asynchronous work goes to a
+// locked list; the thread that finds the queue free takes exclusivity on
+// behalf of a drain task, which it submits to the target queue. Whoever gives
+// exclusivity up while the list is non-empty passes it on: to a drain task, or
+// directly to a dispatch_sync caller waiting at the head of the list.
+//
+// Ordering: a sync caller that finds asynchronous work queued takes a place in
+// the list behind it and is handed the queue in turn. A sync caller that finds
+// the queue merely busy (no queued work) behaves like a mutex waiter: it
+// sleeps on the state word and competes again when woken, so concurrent sync
+// callers do not convoy through a wake-up per item. Work that was queued before
+// a sync call still runs before it, because queued work keeps the queue owned.
+class SerialQueue final : public dispatch_queue_s {
+  public:
+    SerialQueue(const char* label, dispatch_queue_t target)
+        : dispatch_queue_s(Kind::kSerialQueue, false, label),
+          target_(target ? target : globalQueue()) {
+        dispatch_retain(target_);
+        drainWork_.queue = this;
+    }
+    ~SerialQueue() override { dispatch_release(target_); }
+
+    void sync(void* context, dispatch_function_t function) {
+        uint32_t expected = 0;
+        if (!state_.compare_exchange_strong(expected, kOwned, std::memory_order_acquire,
+                                            std::memory_order_relaxed)) {
+            acquireSlow();
+        }
+        Exclusivity held(this);
+        if (target_->kind_ == Kind::kGlobalQueue) {
+            function(context);
+        } else {
+            dispatch_sync_f(target_, context, function);
+        }
+    }
+
+    void enqueue(Work* work) {
+        uint32_t previous;
+        {
+            std::lock_guard lock(mutex_);
+            items_.push(work);
+            previous = state_.fetch_or(kHasWork | kOwned, std::memory_order_acq_rel);
+        }
+        if (!(previous & kOwned)) {
+            scheduleDrain();
+        }
+    }
+
+  private:
+    // State bits. kHasWork is set exactly while items_ is non-empty and is
+    // changed only under mutex_; it implies kOwned.
+    static constexpr uint32_t kOwned = 1;
+    static constexpr uint32_t kSleepers = 2;
+    static constexpr uint32_t kHasWork = 4;
+    // A drain task gives its thread back to the target after this many items.
+    static constexpr int kDrainBatch = 32;
+
+    struct DrainWork : Work {
+        DrainWork() { run = &SerialQueue::drainEntry; }
+        SerialQueue* queue = nullptr;
+    };
+
+    class Exclusivity {
+      public:
+        explicit Exclusivity(SerialQueue* queue) : queue_(queue) {}
+        Exclusivity(const Exclusivity&) = delete;
+        Exclusivity& operator=(const Exclusivity&) = delete;
+        ~Exclusivity() { queue_->release(); }
+
+      private:
+        SerialQueue* const queue_;
+    };
+
+    void acquireSlow() {
+        // A caller that has slept sets kSleepers when it acquires, however it
+        // acquires: the wake-up it got cleared the bit, others may still be
+        // asleep, and the release must then wake one of them.
+        uint32_t sleptBit = 0;
+        uint32_t state = state_.load(std::memory_order_relaxed);
+        for (;;) {
+            if (!(state & (kOwned | kHasWork))) {
+                if (state_.compare_exchange_weak(state, state | kOwned | sleptBit,
+                                                 std::memory_order_acquire,
+                                                 std::memory_order_relaxed)) {
+                    return;
+                }
+                continue;
+            }
+            if (state & kHasWork) {
+                if (waitBehindQueuedWork()) {
+                    // Handed the queue: carry the duty to wake the others.
+                    state_.fetch_or(sleptBit, std::memory_order_relaxed);
+                    return;
+                }
+                state = state_.load(std::memory_order_relaxed);
+                continue;
+            }
+            if (!(state & kSleepers)) {
+                if (!state_.compare_exchange_weak(state, state | kSleepers,
+                                                  std::memory_order_relaxed)) {
+                    continue;
+                }
+                state |= kSleepers;
+            }
+            futexWait(state_, state, DISPATCH_TIME_FOREVER);
+            sleptBit = kSleepers;
+            state = state_.load(std::memory_order_relaxed);
+        }
+    }
+
+    // Queues the caller behind the asynchronous work and waits to be handed
+    // the queue. Returns false when the work drained before the caller got in
+    // line.
+    bool waitBehindQueuedWork() {
+        SyncWaiter waiter;
+        {
+            std::lock_guard lock(mutex_);
+            if (!(state_.load(std::memory_order_relaxed) & kHasWork)) {
+                return false;
+            }
+            items_.push(&waiter);
+        }
+        while (waiter.ready.load(std::memory_order_acquire) == 0) {
+            futexWait(waiter.ready, 0, DISPATCH_TIME_FOREVER);
+        }
+        return true;
+    }
+
+    void release() {
+        uint32_t state = kOwned;
+        if (state_.compare_exchange_strong(state, 0, std::memory_order_release,
+                                           std::memory_order_relaxed)) {
+            return;
+        }
+        for (;;) {
+            if (state & kHasWork) {
+                passToQueuedWork();
+                return;
+            }
+            if (state_.compare_exchange_weak(state, 0, std::memory_order_release,
+                                             std::memory_order_relaxed)) {
+                if (state & kSleepers) {
+                    futexWake(state_, 1);
+                }
+                return;
+            }
+        }
+    }
+
+    // Gives exclusivity to the head of the list, which only the owner can
+    // empty, so it is still there.
+    void passToQueuedWork() {
+        Work* head;
+        {
+            std::lock_guard lock(mutex_);
+            head = items_.front();
+            if (head->run != nullptr) {
+                head = nullptr;
+            } else {
+                items_.pop();
+                if (items_.empty()) {
+                    state_.fetch_and(~kHasWork, std::memory_order_relaxed);
+                }
+            }
+        }
+        if (head == nullptr) {
+            scheduleDrain();
+            return;
+        }
+        // The waiter may return and reuse its stack as soon as it sees the
+        // flag; a wake-up aimed at that address afterwards is harmless.
+        auto* waiter = static_cast<SyncWaiter*>(head);
+        waiter->ready.store(1, std::memory_order_release);
+        futexWake(waiter->ready, 1);
+    }
+
+    // The drain task holds exclusivity and a reference to the queue.
+    void scheduleDrain() {
+        dispatch_retain(this);
+        dispatch::internal::enqueue(target_, &drainWork_);
+    }
+
+    static void drainEntry(Work* self) {
+        SerialQueue* queue = static_cast<DrainWork*>(self)->queue;
+        queue->drain();
+        dispatch_release(queue);
+    }
+
+    void drain() {
+        int ran = 0;
+        for (; ran < kDrainBatch; ++ran) {
+            Work* work;
+            {
+                std::lock_guard lock(mutex_);
+                work = items_.front();
+                if (work == nullptr || work->run == nullptr) {
+                    break;
+                }
+                items_.pop();
+                if (items_.empty()) {
+                    state_.fetch_and(~kHasWork, std::memory_order_relaxed);
+                }
+            }
+            work->run(work);
+        }
+        // Under an endless stream of asynchronous work the queue would never be
+        // free for sleeping sync callers; wake them so that they see the queued
+        // work and take their place in line.
+        if (ran == kDrainBatch &&
+            (state_.fetch_and(~kSleepers, std::memory_order_relaxed) & kSleepers)) {
+            futexWake(state_, INT_MAX);
+        }
+        release();
+    }
+
+    dispatch_queue_t const target_;
+    std::atomic<uint32_t> state_{0};
+    std::mutex mutex_;
+    WorkList items_;
+    DrainWork drainWork_;
+};
+
+void waitForQueueThread(dispatch_queue_t queue, void* context, dispatch_function_t work) {
+    WaitedWork waited(context, work);
+    dispatch::internal::enqueue(queue, &waited);
+    waited.wait();
+}
+
+}  // namespace
+
+void dispatch::internal::enqueue(dispatch_queue_t queue, Work* work) {
+    switch (queue->kind_) {
+        case dispatch_object_s::Kind::kSerialQueue:
+            static_cast<SerialQueue*>(queue)->enqueue(work);
+            return;
+        case dispatch_object_s::Kind::kMainQueue:
+            static_cast<MainQueue*>(queue)->enqueue(work);
+            return;
+        default:
+            static_cast<GlobalQueue*>(queue)->enqueue(work);
+            return;
+    }
+}
+
+// --- Reference counting -----------------------------------------------------
+
+dispatch_object_t dispatch_object_of(dispatch_queue_t queue) {
+    return queue;
+}
+
+void dispatch_retain(dispatch_object_t object) {
+    if (object && !object->immortal_) {
+        object->refs_.fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+void dispatch_release(dispatch_object_t object) {
+    if (object && !object->immortal_ &&
+        object->refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        delete object;
+    }
+}
+
+// --- Time -------------------------------------------------------------------
+
+dispatch_time_t dispatch_time(dispatch_time_t when, int64_t deltaNs) {
+    if (when == DISPATCH_TIME_FOREVER) {
+        return DISPATCH_TIME_FOREVER;
+    }
+    const uint64_t base = when == DISPATCH_TIME_NOW ? dispatch::internal::monotonicNow() : when;
+    if (deltaNs >= 0) {
+        const uint64_t delta = static_cast<uint64_t>(deltaNs);
+        return delta >= DISPATCH_TIME_FOREVER - base ? DISPATCH_TIME_FOREVER : base + delta;
+    }
+    // Keep a time in the past a concrete instant rather than NOW.
+    const uint64_t back = static_cast<uint64_t>(-(deltaNs + 1)) + 1;
+    return back >= base ? 1 : base - back;
+}
+
+// --- Queues -----------------------------------------------------------------
+
+dispatch_queue_t dispatch_queue_create(const char* label, dispatch_queue_attr_t attr) {
+    return dispatch_queue_create_with_target(label, attr, nullptr);
+}
+
+dispatch_queue_t dispatch_queue_create_with_target(const char* label, dispatch_queue_attr_t,
+                                                   dispatch_queue_t target) {
+    return new SerialQueue(label, target);
+}
+
+dispatch_queue_t dispatch_get_main_queue() {
+    return mainQueue();
+}
+
+dispatch_queue_t dispatch_get_global_queue(intptr_t, uintptr_t) {
+    return globalQueue();
+}
+
+const char* dispatch_queue_get_label(dispatch_queue_t queue) {
+    return queue->label_.c_str();
+}
+
+void dispatch_sync_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
+    switch (queue->kind_) {
+        case dispatch_object_s::Kind::kSerialQueue:
+            static_cast<SerialQueue*>(queue)->sync(context, work);
+            return;
+        case dispatch_object_s::Kind::kMainQueue:
+            // Main-queue work runs only on the main thread, so the main thread
+            // already holds the queue's exclusivity whenever it runs anything;
+            // any other thread waits for the run loop to serve it.
+            if (onMainThread()) {
+                work(context);
+            } else {
+                waitForQueueThread(queue, context, work);
+            }
+            return;
+        default:
+            work(context);
+            return;
+    }
+}
+
+void dispatch_async_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
+    dispatch::internal::enqueue(queue, new FunctionWork(context, work));
+}
+
+void dispatch_async_and_wait_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
+    waitForQueueThread(queue, context, work);
+}
+
+// Serial queues run everything in order anyway, and the global queue has no
+// barrier semantics: a barrier is ordinary asynchronous work on both.
+void dispatch_barrier_async_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
+    dispatch_async_f(queue, context, work);
+}
+
+void dispatch_async(dispatch_queue_t queue, dispatch_block_t work) {
+    dispatch::internal::enqueue(queue, new BlockWork(std::move(work)));
+}
+
+// --- Groups -----------------------------------------------------------------
+
+struct dispatch_group_s : dispatch_object_s {
+    dispatch_group_s() : dispatch_object_s(Kind::kGroup, false) {}
+
+    struct Notification {
+        dispatch_queue_t queue;
+        dispatch_block_t work;
+    };
+
+    std::atomic<uint32_t> count_{0};
+    std::mutex mutex_;
+    std::vector<Notification> notifications_;
+};
+
+dispatch_object_t dispatch_object_of(dispatch_group_t group) {
+    return group;
+}
+
+dispatch_group_t dispatch_group_create() {
+    return new dispatch_group_s;
+}
+
+void dispatch_group_enter(dispatch_group_t group) {
+    group->count_.fetch_add(1, std::memory_order_relaxed);
+}
+
+void dispatch_group_leave(dispatch_group_t group) {
+    // A waiter may release the group as soon as the count reaches zero; keep
+    // it alive for the wake-up and the notifications.
+    dispatch_retain(group);
+    if (group->count_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        futexWake(group->count_, INT_MAX);
+        std::vector<dispatch_group_s::Notification> due;
+        {
+            std::lock_guard lock(group->mutex_);
+            // Someone may have entered again meanwhile; the notifications then
+            // wait for the next time the group empties.
+            if (group->count_.load(std::memory_order_acquire) == 0) {
+                due.swap(group->notifications_);
+            }
+        }
+        for (auto& notification : due) {
+            dispatch_async(notification.queue, std::move(notification.work));
+            dispatch_release(notification.queue);
+        }
+    }
+    dispatch_release(group);
+}
+
+long dispatch_group_wait(dispatch_group_t group, dispatch_time_t timeout) {
+    for (;;) {
+        const uint32_t count = group->count_.load(std::memory_order_acquire);
+        if (count == 0) {
+            return 0;
+        }
+        if (timeout == DISPATCH_TIME_NOW || !futexWait(group->count_, count, timeout)) {
+            return group->count_.load(std::memory_order_acquire) == 0 ? 0 : 1;
+        }
+    }
+}
+
+void dispatch_group_notify(dispatch_group_t group, dispatch_queue_t queue, dispatch_block_t work) {
+    {
+        std::lock_guard lock(group->mutex_);
+        if (group->count_.load(std::memory_order_acquire) != 0) {
+            dispatch_retain(queue);
+            group->notifications_.push_back({queue, std::move(work)});
+            return;
+        }
+    }
+    dispatch_async(queue, std::move(work));
+}
+
+namespace dispatch {
+
+group_session::group_session(dispatch_group_t group) : group_(group) {
+    if (group_) {
+        dispatch_retain(group_);
+        dispatch_group_enter(group_);
+    }
+}
+
+group_session::group_session(const group_session& other) : group_session(other.group_) {}
+
+group_session::~group_session() {
+    if (group_) {
+        dispatch_group_leave(group_);
+        dispatch_release(group_);
+    }
+}
+
+}  // namespace dispatch
+
+// --- Main run loop hooks ------------------------------------------------------
+
+int dispatch_main_queue_wakeup_fd() {
+    return mainQueue()->wakeupFd();
+}
+
+int dispatch_main_queue_drain() {
+    return mainQueue()->drain();
+}

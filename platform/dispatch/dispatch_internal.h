@@ -1,0 +1,76 @@
+// Pieces shared by the queue and source halves of the dispatch library. Not
+// part of the public interface.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "platform/dispatch/dispatch.h"
+
+struct dispatch_object_s {
+    enum class Kind : uint8_t { kSerialQueue, kMainQueue, kGlobalQueue, kGroup, kSource };
+
+    dispatch_object_s(Kind kind, bool immortal) : kind_(kind), immortal_(immortal) {}
+    dispatch_object_s(const dispatch_object_s&) = delete;
+    dispatch_object_s& operator=(const dispatch_object_s&) = delete;
+    virtual ~dispatch_object_s() = default;
+
+    const Kind kind_;
+    const bool immortal_;
+    std::atomic<int32_t> refs_{1};
+};
+
+struct dispatch_queue_s : dispatch_object_s {
+    dispatch_queue_s(Kind kind, bool immortal, const char* label)
+        : dispatch_object_s(kind, immortal), label_(label ? label : "") {}
+
+    const std::string label_;
+};
+
+namespace dispatch::internal {
+
+// One unit of queued work. Items are linked intrusively so that queueing
+// needs no allocation beyond the item itself (and none for the items that
+// live inside a queue or a source).
+struct Work {
+    // Runs the item and disposes of it. Null marks a synchronous caller waiting
+    // for its turn on a serial queue; such an entry is handed the queue instead
+    // of being run.
+    void (*run)(Work* self) = nullptr;
+    Work* next = nullptr;
+};
+
+// FIFO of Work items; the owner provides the locking.
+class WorkList {
+  public:
+    bool empty() const { return head_ == nullptr; }
+    Work* front() const { return head_; }
+    void push(Work* work);
+    Work* pop();
+    // Moves every item out, leaving this list empty.
+    WorkList take();
+
+  private:
+    Work* head_ = nullptr;
+    Work* tail_ = nullptr;
+};
+
+// Adds `work` to `queue` (any kind) as asynchronous work.
+void enqueue(dispatch_queue_t queue, Work* work);
+
+dispatch_time_t monotonicNow();
+
+// Sleeps while `word` holds `expected`, until woken or `deadline` (absolute
+// CLOCK_MONOTONIC; DISPATCH_TIME_FOREVER for no limit). Returns false only
+// when the deadline passed.
+bool futexWait(std::atomic<uint32_t>& word, uint32_t expected, dispatch_time_t deadline);
+void futexWake(std::atomic<uint32_t>& word, int count);
+
+// Starts a detached thread running `entry(arg)`. The thread inherits the
+// platform threads' mask (platform/threads), set here around its creation so
+// that it can never be chosen to receive a process-directed signal. Returns
+// false when the thread could not be started.
+bool startThread(void* (*entry)(void*), void* arg);
+
+}  // namespace dispatch::internal

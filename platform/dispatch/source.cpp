@@ -1,0 +1,397 @@
+// Signal and timer sources.
+//
+// Every armed source is a signalfd or timerfd registered with one epoll
+// instance, watched by a single event thread that the first activation starts.
+// Each fd is registered EPOLLONESHOT and re-armed only when its firing has
+// finished, which is what keeps a source's handler to one firing at a time.
+// The registration holds a reference: an activated source lives until it is
+// cancelled, whoever else lets go of it.
+//
+// Handlers for the global queue run inline on the event thread; handlers for
+// any other queue are posted to it. The trade-off: a timer firing for the
+// global queue costs exactly one wake-up (the event thread's) instead of two
+// (event thread plus a pool worker), at the price that a slow global handler
+// delays the other sources' firings until it returns. The daemon's global
+// handlers are short, so the wake-up budget wins. Handlers that may block for
+// long belong on a serial queue of their own.
+
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+
+#include "platform/dispatch/dispatch.h"
+#include "platform/dispatch/dispatch_internal.h"
+
+using dispatch::internal::Work;
+
+struct dispatch_source_type_s {
+    enum class Kind { kSignal, kTimer };
+    Kind kind;
+};
+
+namespace {
+
+constexpr dispatch_source_type_s kSignalType{dispatch_source_type_s::Kind::kSignal};
+constexpr dispatch_source_type_s kTimerType{dispatch_source_type_s::Kind::kTimer};
+
+using Handler = std::shared_ptr<const dispatch_block_t>;
+
+}  // namespace
+
+const dispatch_source_type_t DISPATCH_SOURCE_TYPE_SIGNAL = &kSignalType;
+const dispatch_source_type_t DISPATCH_SOURCE_TYPE_TIMER = &kTimerType;
+
+struct dispatch_source_s : dispatch_object_s {
+    dispatch_source_s(dispatch_source_type_t type, int signalNumber, int fd, dispatch_queue_t queue,
+                      uint64_t id)
+        : dispatch_object_s(Kind::kSource, false),
+          type_(type),
+          signalNumber_(signalNumber),
+          queue_(queue),
+          id_(id),
+          fd_(fd) {
+        dispatch_retain(queue_);
+        fireWork_.source = this;
+    }
+    ~dispatch_source_s() override {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+        dispatch_release(queue_);
+    }
+
+    struct FireWork : Work {
+        FireWork();
+        dispatch_source_s* source = nullptr;
+    };
+
+    const dispatch_source_type_t type_;
+    const int signalNumber_;
+    const dispatch_queue_t queue_;
+    const uint64_t id_;  // the key under which the event thread finds it
+
+    std::mutex mutex_;
+    int fd_;
+    Handler handler_;
+    uint64_t pending_ = 0;  // events read but not yet handed to a firing
+    bool activated_ = false;
+    bool registered_ = false;
+    bool firing_ = false;  // between an event and the end of its handler
+    std::atomic<bool> cancelled_{false};
+    std::atomic<uintptr_t> data_{0};
+    FireWork fireWork_;
+};
+
+namespace {
+
+// The epoll instance and its thread. Sources are looked up by id under the
+// registry lock, so an event that arrives for a source being cancelled never
+// touches a freed object or a closed fd.
+class EventLoop {
+  public:
+    // The loop, started on first use; null when it cannot be started.
+    static EventLoop* get() {
+        static EventLoop* const sLoop = [] {
+            const int epollFd = epoll_create1(EPOLL_CLOEXEC);
+            if (epollFd < 0) {
+                return static_cast<EventLoop*>(nullptr);
+            }
+            auto* loop = new EventLoop(epollFd);
+            if (!dispatch::internal::startThread(&EventLoop::threadMain, loop)) {
+                delete loop;
+                return static_cast<EventLoop*>(nullptr);
+            }
+            return loop;
+        }();
+        return sLoop;
+    }
+
+    EventLoop(const EventLoop&) = delete;
+    EventLoop& operator=(const EventLoop&) = delete;
+    ~EventLoop() { close(epollFd_); }
+
+    // Registers the source's fd, armed for one event. The registry holds a
+    // reference until unregister().
+    bool add(dispatch_source_s* source) {
+        {
+            std::lock_guard lock(mutex_);
+            dispatch_retain(source);
+            sources_.emplace(source->id_, source);
+        }
+        epoll_event event = makeEvent(source);
+        if (epoll_ctl(epollFd_, EPOLL_CTL_ADD, source->fd_, &event) == 0) {
+            return true;
+        }
+        unregister(source);
+        return false;
+    }
+
+    void rearm(dispatch_source_s* source) {
+        epoll_event event = makeEvent(source);
+        epoll_ctl(epollFd_, EPOLL_CTL_MOD, source->fd_, &event);
+    }
+
+    void remove(int fd) { epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr); }
+
+    void unregister(dispatch_source_s* source) {
+        {
+            std::lock_guard lock(mutex_);
+            sources_.erase(source->id_);
+        }
+        dispatch_release(source);
+    }
+
+  private:
+    explicit EventLoop(int epollFd) : epollFd_(epollFd) {}
+
+    static epoll_event makeEvent(const dispatch_source_s* source) {
+        epoll_event event{};
+        event.events = EPOLLIN | EPOLLONESHOT;
+        event.data.u64 = source->id_;
+        return event;
+    }
+
+    static void* threadMain(void* arg) {
+        static_cast<EventLoop*>(arg)->run();
+        return nullptr;
+    }
+
+    void run() {
+        epoll_event events[8];
+        for (;;) {
+            const int count = epoll_wait(epollFd_, events, 8, -1);
+            for (int i = 0; i < count; ++i) {
+                // epoll_event is packed: copy the id out before binding to it.
+                const uint64_t id = events[i].data.u64;
+                dispatch_source_s* source = nullptr;
+                {
+                    std::lock_guard lock(mutex_);
+                    auto found = sources_.find(id);
+                    if (found != sources_.end()) {
+                        source = found->second;
+                        dispatch_retain(source);
+                    }
+                }
+                if (source) {
+                    handleEvent(source);
+                    dispatch_release(source);
+                }
+            }
+        }
+    }
+
+    void handleEvent(dispatch_source_s* source);
+
+    const int epollFd_;
+    std::mutex mutex_;
+    std::unordered_map<uint64_t, dispatch_source_s*> sources_;
+};
+
+// Reads every event the fd holds; returns how many there were.
+uint64_t readEvents(dispatch_source_s* source) {
+    if (source->type_ == DISPATCH_SOURCE_TYPE_TIMER) {
+        uint64_t expirations = 0;
+        return read(source->fd_, &expirations, sizeof expirations) == sizeof expirations
+                   ? expirations
+                   : 0;
+    }
+    uint64_t signals = 0;
+    signalfd_siginfo infos[4];
+    for (;;) {
+        const ssize_t got = read(source->fd_, infos, sizeof infos);
+        if (got <= 0) {
+            return signals;
+        }
+        signals += static_cast<uint64_t>(got) / sizeof(signalfd_siginfo);
+    }
+}
+
+// Closes the fd and takes the handler, for the caller to destroy once it has
+// dropped the source's lock. Called with the lock held, once cancelled and no
+// firing runs.
+Handler closeLocked(dispatch_source_s* source) {
+    if (source->fd_ >= 0) {
+        if (source->registered_) {
+            EventLoop::get()->remove(source->fd_);
+        }
+        close(source->fd_);
+        source->fd_ = -1;
+    }
+    return std::move(source->handler_);
+}
+
+void fire(dispatch_source_s* source) {
+    Handler handler;
+    {
+        std::lock_guard lock(source->mutex_);
+        if (!source->cancelled_.load(std::memory_order_relaxed)) {
+            source->data_.store(source->pending_, std::memory_order_relaxed);
+            source->pending_ = 0;
+            handler = source->handler_;
+        }
+    }
+    if (handler && *handler) {
+        (*handler)();
+    }
+    Handler released;
+    std::lock_guard lock(source->mutex_);
+    source->firing_ = false;
+    if (source->cancelled_.load(std::memory_order_relaxed)) {
+        released = closeLocked(source);
+    } else {
+        EventLoop::get()->rearm(source);
+    }
+}
+
+void EventLoop::handleEvent(dispatch_source_s* source) {
+    {
+        std::lock_guard lock(source->mutex_);
+        if (source->cancelled_.load(std::memory_order_relaxed)) {
+            return;
+        }
+        const uint64_t events = readEvents(source);
+        if (events == 0) {
+            rearm(source);
+            return;
+        }
+        source->pending_ += events;
+        source->firing_ = true;
+    }
+    if (source->queue_->kind_ == dispatch_object_s::Kind::kGlobalQueue) {
+        fire(source);
+    } else {
+        dispatch_retain(source);
+        dispatch::internal::enqueue(source->queue_, &source->fireWork_);
+    }
+}
+
+}  // namespace
+
+dispatch_source_s::FireWork::FireWork() {
+    run = [](Work* self) {
+        dispatch_source_s* source = static_cast<FireWork*>(self)->source;
+        fire(source);
+        dispatch_release(source);
+    };
+}
+
+dispatch_object_t dispatch_object_of(dispatch_source_t source) {
+    return source;
+}
+
+dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t handle, uintptr_t,
+                                         dispatch_queue_t queue) {
+    static std::atomic<uint64_t> sNextId{1};
+    int fd = -1;
+    int signalNumber = 0;
+    if (type == DISPATCH_SOURCE_TYPE_SIGNAL) {
+        if (handle == 0 || handle > static_cast<uintptr_t>(SIGRTMAX)) {
+            return nullptr;
+        }
+        signalNumber = static_cast<int>(handle);
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, signalNumber);
+        fd = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+    } else if (type == DISPATCH_SOURCE_TYPE_TIMER) {
+        fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    }
+    if (fd < 0) {
+        return nullptr;
+    }
+    return new dispatch_source_s(type, signalNumber, fd,
+                                 queue ? queue : dispatch_get_global_queue(0, 0),
+                                 sNextId.fetch_add(1, std::memory_order_relaxed));
+}
+
+void dispatch_source_set_event_handler(dispatch_source_t source, dispatch_block_t handler) {
+    auto replacement = std::make_shared<const dispatch_block_t>(std::move(handler));
+    std::lock_guard lock(source->mutex_);
+    if (!source->cancelled_.load(std::memory_order_relaxed)) {
+        source->handler_.swap(replacement);
+    }
+}
+
+// Firings are on time: leeway is accepted but not used to defer them (a timerfd
+// expires at its deadline and the event thread runs with default slack).
+void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start, uint64_t intervalNs,
+                               uint64_t) {
+    if (source->type_ != DISPATCH_SOURCE_TYPE_TIMER) {
+        return;
+    }
+    constexpr uint64_t kNsPerSecond = 1'000'000'000u;
+    itimerspec spec{};
+    if (start != DISPATCH_TIME_FOREVER) {
+        // An absolute zero would disarm the timer; 1 ns is in the past and
+        // fires at once, as DISPATCH_TIME_NOW asks.
+        const uint64_t first = start == DISPATCH_TIME_NOW ? 1 : start;
+        spec.it_value.tv_sec = static_cast<time_t>(first / kNsPerSecond);
+        spec.it_value.tv_nsec = static_cast<long>(first % kNsPerSecond);
+        if (intervalNs != DISPATCH_TIME_FOREVER) {
+            spec.it_interval.tv_sec = static_cast<time_t>(intervalNs / kNsPerSecond);
+            spec.it_interval.tv_nsec = static_cast<long>(intervalNs % kNsPerSecond);
+        }
+    }
+    std::lock_guard lock(source->mutex_);
+    if (source->fd_ >= 0) {
+        timerfd_settime(source->fd_, TFD_TIMER_ABSTIME, &spec, nullptr);
+    }
+}
+
+uintptr_t dispatch_source_get_data(dispatch_source_t source) {
+    return source->data_.load(std::memory_order_relaxed);
+}
+
+void dispatch_activate(dispatch_source_t source) {
+    // Start the event thread first: nothing slow may happen once a signal is
+    // blocked (see below).
+    EventLoop* loop = EventLoop::get();
+    std::lock_guard lock(source->mutex_);
+    if (!loop || source->activated_ || source->cancelled_.load(std::memory_order_relaxed)) {
+        return;
+    }
+    source->activated_ = true;
+    source->registered_ = loop->add(source);
+    if (source->registered_ && source->type_ == DISPATCH_SOURCE_TYPE_SIGNAL) {
+        // Blocking is the last step. Until here the signal keeps its default
+        // action; from here on it stays pending until the signalfd reads it,
+        // even once its disposition is set to ignore. There is one window left,
+        // and it belongs to the caller: setting the disposition to ignore
+        // discards an instance that is pending at that moment. Returning right
+        // after blocking keeps that window to the caller's next statement.
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, source->signalNumber_);
+        pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    }
+}
+
+void dispatch_source_cancel(dispatch_source_t source) {
+    Handler released;
+    bool registered;
+    {
+        std::lock_guard lock(source->mutex_);
+        if (source->cancelled_.load(std::memory_order_relaxed)) {
+            return;
+        }
+        source->cancelled_.store(true, std::memory_order_relaxed);
+        registered = source->registered_;
+        if (!source->firing_) {
+            released = closeLocked(source);
+        }
+    }
+    // Outside the source's lock: this may drop the registry's reference.
+    if (registered) {
+        EventLoop::get()->unregister(source);
+    }
+}
+
+bool dispatch_source_testcancel(dispatch_source_t source) {
+    return source->cancelled_.load(std::memory_order_relaxed);
+}

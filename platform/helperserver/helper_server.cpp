@@ -1,0 +1,262 @@
+#include "platform/helperserver/helper_server.h"
+
+#include <errno.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <unordered_set>
+
+#include "platform/helperserver/runtime_paths.h"
+#include "platform/logging/log.h"
+#include "platform/threads/signal_mask.h"
+
+namespace kel {
+
+namespace {
+
+constexpr const char* kLoggerName = "HelperServer";
+
+class UniqueFd {
+  public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept {
+        reset(std::exchange(other.fd_, -1));
+        return *this;
+    }
+    ~UniqueFd() { reset(); }
+
+    int get() const { return fd_; }
+    bool valid() const { return fd_ >= 0; }
+    void reset(int fd = -1) {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+        fd_ = fd;
+    }
+
+  private:
+    int fd_ = -1;
+};
+
+}  // namespace
+
+struct HelperServer::Impl {
+    // Reports through the log server, or the system log when there is none.
+    void report(lum::LogLevel level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+    bool watch(int fd, uint32_t events) const;
+    void run();
+    void acceptClients();
+    // Reads and discards what a client sent; false once it has hung up.
+    bool drainClient(int fd) const;
+
+    std::shared_ptr<lum::LogServer> logServer;
+    std::string socketPath;
+    UniqueFd listenFd;
+    UniqueFd epollFd;
+    UniqueFd stopFd;  // an eventfd: readable once stop() wants the thread gone
+
+    std::atomic<int> clientCount{0};
+    std::unordered_set<int> clients;  // only the server thread touches these
+
+    std::mutex lifecycleMutex;
+    bool started = false;  // guarded by lifecycleMutex
+    bool stopped = false;  // guarded by lifecycleMutex
+    std::thread thread;    // guarded by lifecycleMutex
+};
+
+void HelperServer::Impl::report(lum::LogLevel level, const char* format, ...) {
+    char text[256];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    if (logServer) {
+        logServer->submit(level, kLoggerName, text);
+    } else {
+        systemlog::write(systemlog::create(lum::kTelephonySubsystem, kLoggerName),
+                         systemlog::Level::kError, "%s", text);
+    }
+}
+
+bool HelperServer::Impl::watch(int fd, uint32_t events) const {
+    epoll_event event{};
+    event.events = events;
+    event.data.fd = fd;
+    return epoll_ctl(epollFd.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+void HelperServer::Impl::run() {
+    epoll_event events[16];
+    for (;;) {
+        const int ready = epoll_wait(epollFd.get(), events, 16, -1);
+        if (ready < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            report(lum::LogLevel::kError, "epoll_wait: %s", strerror(errno));
+            break;
+        }
+        bool stopRequested = false;
+        for (int i = 0; i < ready; ++i) {
+            const int fd = events[i].data.fd;
+            if (fd == stopFd.get()) {
+                stopRequested = true;
+            } else if (fd == listenFd.get()) {
+                acceptClients();
+            } else if ((events[i].events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0 ||
+                       !drainClient(fd)) {
+                clients.erase(fd);
+                ::close(fd);  // also takes it out of the epoll set
+                clientCount.fetch_sub(1, std::memory_order_release);
+            }
+        }
+        if (stopRequested) {
+            break;
+        }
+    }
+    for (int fd : clients) {
+        ::close(fd);
+    }
+    clients.clear();
+    clientCount.store(0, std::memory_order_release);
+}
+
+void HelperServer::Impl::acceptClients() {
+    for (;;) {
+        const int fd = accept4(listenFd.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd < 0) {
+            // EAGAIN: the backlog is empty. ECONNABORTED concerns one client
+            // only; the listening socket stays usable.
+            const int error = errno;
+            if (error == EINTR || error == ECONNABORTED) {
+                continue;
+            }
+            if (error != EAGAIN) {
+                report(lum::LogLevel::kError, "accept: %s", strerror(error));
+            }
+            return;
+        }
+        if (!watch(fd, EPOLLIN | EPOLLRDHUP)) {
+            report(lum::LogLevel::kError, "epoll_ctl: %s", strerror(errno));
+            ::close(fd);
+            continue;
+        }
+        clients.insert(fd);
+        clientCount.fetch_add(1, std::memory_order_release);
+    }
+}
+
+bool HelperServer::Impl::drainClient(int fd) const {
+    char buffer[512];
+    for (;;) {
+        const ssize_t got = read(fd, buffer, sizeof buffer);
+        if (got > 0) {
+            continue;
+        }
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        return got < 0 && errno == EAGAIN;
+    }
+}
+
+HelperServer::HelperServer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+// Only the holder of the hosting lock makes a server, so a socket file already
+// at the path is a leftover of a holder that died: it is unlinked, not shared.
+std::shared_ptr<HelperServer> HelperServer::create(std::shared_ptr<lum::LogServer> logServer) {
+    auto impl = std::make_unique<Impl>();
+    impl->logServer = std::move(logServer);
+    impl->socketPath = runtime_paths::socketPath();
+
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (impl->socketPath.size() >= sizeof address.sun_path) {
+        impl->report(lum::LogLevel::kError, "socket path too long: %s", impl->socketPath.c_str());
+        return nullptr;
+    }
+    memcpy(address.sun_path, impl->socketPath.c_str(), impl->socketPath.size() + 1);
+    if (!runtime_paths::ensureRuntimeDir()) {
+        impl->report(lum::LogLevel::kError, "cannot make the runtime folder: %s", strerror(errno));
+        return nullptr;
+    }
+
+    impl->listenFd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!impl->listenFd.valid()) {
+        impl->report(lum::LogLevel::kError, "socket: %s", strerror(errno));
+        return nullptr;
+    }
+    unlink(impl->socketPath.c_str());
+    if (bind(impl->listenFd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) !=
+            0 ||
+        listen(impl->listenFd.get(), SOMAXCONN) != 0) {
+        impl->report(lum::LogLevel::kError, "cannot listen on %s: %s", impl->socketPath.c_str(),
+                     strerror(errno));
+        return nullptr;
+    }
+    impl->epollFd.reset(epoll_create1(EPOLL_CLOEXEC));
+    impl->stopFd.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!impl->epollFd.valid() || !impl->stopFd.valid() ||
+        !impl->watch(impl->listenFd.get(), EPOLLIN) || !impl->watch(impl->stopFd.get(), EPOLLIN)) {
+        impl->report(lum::LogLevel::kError, "cannot set up the event loop: %s", strerror(errno));
+        unlink(impl->socketPath.c_str());
+        return nullptr;
+    }
+    return std::shared_ptr<HelperServer>(new HelperServer(std::move(impl)));
+}
+
+HelperServer::~HelperServer() {
+    stop();
+}
+
+void HelperServer::start() {
+    std::lock_guard lock(impl_->lifecycleMutex);
+    if (impl_->started || impl_->stopped) {
+        return;
+    }
+    impl_->started = true;
+    // The thread inherits the blocked mask, so process-directed signals never
+    // land on it (the daemon reads them through signalfd).
+    const platform::ScopedThreadSignalMask mask;
+    try {
+        impl_->thread = std::thread([impl = impl_.get()] { impl->run(); });
+    } catch (const std::system_error& error) {
+        impl_->report(lum::LogLevel::kError, "cannot start the server thread: %s", error.what());
+    }
+}
+
+void HelperServer::stop() {
+    std::lock_guard lock(impl_->lifecycleMutex);
+    if (impl_->stopped) {
+        return;
+    }
+    impl_->stopped = true;
+    if (impl_->thread.joinable()) {
+        const uint64_t one = 1;
+        while (write(impl_->stopFd.get(), &one, sizeof one) < 0 && errno == EINTR) {
+        }
+        impl_->thread.join();
+    }
+    impl_->listenFd.reset();
+    impl_->stopFd.reset();
+    impl_->epollFd.reset();
+    unlink(impl_->socketPath.c_str());
+}
+
+bool HelperServer::isBusy() const {
+    return impl_->clientCount.load(std::memory_order_acquire) > 0;
+}
+
+}  // namespace kel

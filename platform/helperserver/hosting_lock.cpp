@@ -1,0 +1,43 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <mutex>
+
+#include "platform/helperserver/helper_server.h"
+#include "platform/helperserver/runtime_paths.h"
+
+namespace {
+
+std::mutex sHostingMutex;
+int sHostingLockFd = -1;  // guarded by sHostingMutex; kept open until exit
+
+}  // namespace
+
+// The lock belongs to the open file description: it lasts as long as this
+// process keeps the descriptor (O_CLOEXEC, so programs we exec never inherit
+// it) and the kernel drops it when the process exits, however it exits.
+extern "C" int sCanHostHelperServer() {
+    std::lock_guard lock(sHostingMutex);
+    if (sHostingLockFd >= 0) {
+        return 1;
+    }
+    if (!kel::runtime_paths::ensureRuntimeDir()) {
+        return 0;
+    }
+    const int fd = open(kel::runtime_paths::lockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        return 0;
+    }
+    int locked;
+    do {
+        locked = flock(fd, LOCK_EX | LOCK_NB);
+    } while (locked != 0 && errno == EINTR);
+    if (locked != 0) {
+        close(fd);
+        return 0;
+    }
+    sHostingLockFd = fd;
+    return 1;
+}

@@ -1,0 +1,112 @@
+#include "platform/logging/log.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <ostream>
+
+namespace lum {
+
+namespace {
+
+std::atomic<LogLevel> sMinimumLevel{LogLevel::kDebug};
+
+}  // namespace
+
+std::string_view levelName(LogLevel level, char (&scratch)[4]) {
+    switch (level) {
+        case LogLevel::kDebug:
+            return "Debug";
+        case LogLevel::kInfo:
+            return "Info";
+        case LogLevel::kNotice:
+            return "Notice";
+        case LogLevel::kWarning:
+            return "Warning";
+        case LogLevel::kError:
+            return "Error";
+        case LogLevel::kFault:
+            return "Fault";
+    }
+    // Up to three decimal digits, written from the right.
+    unsigned value = static_cast<uint8_t>(level);
+    char* end = scratch + sizeof scratch;
+    char* begin = end;
+    do {
+        *--begin = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    return std::string_view(begin, static_cast<size_t>(end - begin));
+}
+
+std::ostream& operator<<(std::ostream& stream, LogLevel level) {
+    char scratch[4];
+    return stream << levelName(level, scratch);
+}
+
+LogWriter::~LogWriter() = default;
+
+void LogWriter::close() {}
+
+void LogWriter::write(std::shared_ptr<LogMessage> message) {
+    writeMessage(*message);
+}
+
+void LogWriter::flush(dispatch::group_session) {}
+
+std::string LogWriter::getSimpleConfig() {
+    return "LogWriter";
+}
+
+std::string LogWriter::getFullConfig() {
+    return "{\"kind\":\"LogWriter\"}";
+}
+
+void setMinimumLevel(LogLevel level) {
+    sMinimumLevel.store(level, std::memory_order_relaxed);
+}
+
+LogLevel minimumLevel() {
+    return sMinimumLevel.load(std::memory_order_relaxed);
+}
+
+LogMessageBuffer LogMessageBuffer::createWithFormat(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    va_list retry;
+    va_copy(retry, args);
+    char stackBuffer[256];
+    const int length = vsnprintf(stackBuffer, sizeof stackBuffer, format, args);
+    va_end(args);
+    std::string text;
+    if (length > 0 && static_cast<size_t>(length) < sizeof stackBuffer) {
+        text.assign(stackBuffer, static_cast<size_t>(length));
+    } else if (length > 0) {
+        // Formatting into the string's own buffer: it holds length + 1 bytes,
+        // the terminator included.
+        text.resize(static_cast<size_t>(length));
+        vsnprintf(text.data(), text.size() + 1, format, retry);
+    }
+    va_end(retry);
+    return LogMessageBuffer(std::move(text));
+}
+
+OsLogContext::OsLogContext(const char* subsystem, const char* category)
+    : handle_(systemlog::create(subsystem, category)) {}
+
+LoggerCommonBase::LoggerCommonBase(std::string name, systemlog::Handle handle)
+    : name_(std::move(name)), handle_(handle) {}
+
+LoggerCommonBase::~LoggerCommonBase() = default;
+
+bool LoggerCommonBase::shouldLog(LogLevel level) const {
+    return level >= minimumLevel();
+}
+
+StaticLogger::StaticLogger(const std::string& name, const std::shared_ptr<LogServer>& server)
+    : LoggerBase(name, systemlog::create(kTelephonySubsystem, name.c_str()), server) {}
+
+StaticLogger::StaticLogger(OsLogContext context, const std::shared_ptr<LogServer>& server)
+    : LoggerBase(context.handle() != nullptr ? systemlog::categoryOf(context.handle()) : "",
+                 context.handle(), server) {}
+
+}  // namespace lum

@@ -1,0 +1,170 @@
+#include <time.h>
+
+#include <system_error>
+
+#include "platform/logging/log.h"
+#include "platform/logging/log_server_state.h"
+#include "platform/threads/signal_mask.h"
+
+namespace lum {
+
+namespace {
+
+int64_t wallClockNs() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+}  // namespace
+
+bool LogServer::State::enqueue(Item item) {
+    bool wakeThread = false;
+    {
+        std::lock_guard lock(mutex);
+        if (closed) {
+            return false;
+        }
+        if (auto* message = std::get_if<std::shared_ptr<LogMessage>>(&item)) {
+            (*message)->sequence = nextSequence++;
+        }
+        queue.push_back(std::move(item));
+        wakeThread = std::exchange(sleeping, false);
+    }
+    // One wake per burst: while the thread is delivering, it picks up
+    // everything queued meanwhile without being signalled.
+    if (wakeThread) {
+        wake.notify_one();
+    }
+    return true;
+}
+
+bool LogServer::State::startThread() {
+    // The thread inherits the blocked mask, so process-directed signals never
+    // land on it (the daemon reads them through signalfd).
+    const platform::ScopedThreadSignalMask mask;
+    try {
+        thread = std::thread([this] { run(); });
+    } catch (const std::system_error&) {
+        return false;
+    }
+    return true;
+}
+
+void LogServer::State::run() {
+    std::vector<Item> batch;
+    std::unique_lock lock(mutex);
+    for (;;) {
+        while (queue.empty() && !stopping) {
+            sleeping = true;
+            wake.wait(lock);
+        }
+        sleeping = false;
+        if (queue.empty()) {
+            return;
+        }
+        batch.swap(queue);
+        lock.unlock();
+        deliver(batch);
+        batch.clear();
+        lock.lock();
+    }
+}
+
+void LogServer::State::deliver(std::vector<Item>& batch) {
+    for (Item& item : batch) {
+        if (auto* message = std::get_if<std::shared_ptr<LogMessage>>(&item)) {
+            for (const auto& writer : writers) {
+                writer->write(*message);
+            }
+        } else if (auto* writer = std::get_if<std::shared_ptr<LogWriter>>(&item)) {
+            writers.push_back(std::move(*writer));
+        } else {
+            const auto& session = std::get<dispatch::group_session>(item);
+            for (const auto& each : writers) {
+                each->flush(session);
+            }
+        }
+    }
+}
+
+LogServer::LogServer(std::unique_ptr<State> state) : state_(std::move(state)) {}
+
+LogServer::~LogServer() {
+    close();
+}
+
+const std::string& LogServer::name() const {
+    return state_->name;
+}
+
+void LogServer::addWriter(std::shared_ptr<LogWriter> writer) {
+    state_->enqueue(std::move(writer));
+}
+
+void LogServer::start() {
+    std::lock_guard lifecycle(state_->lifecycleMutex);
+    {
+        std::lock_guard lock(state_->mutex);
+        if (state_->closed) {
+            return;
+        }
+    }
+    if (!state_->thread.joinable() && !state_->startThread()) {
+        systemlog::write(systemlog::create(kTelephonySubsystem, "LogServer"),
+                         systemlog::Level::kError, "%s: cannot start the delivery thread",
+                         state_->name.c_str());
+    }
+}
+
+void LogServer::submit(LogLevel level, std::string firstText, std::string secondText) {
+    auto message = std::make_shared<LogMessage>();
+    message->timestampNs = wallClockNs();
+    message->level = level;
+    message->firstText = std::move(firstText);
+    message->secondText = std::move(secondText);
+    state_->enqueue(std::move(message));
+}
+
+// A flush is queued like a record, so one requested before start() completes
+// once the server starts (or closes) and has handed over what came before it.
+dispatch_group_t LogServer::flush() const {
+    dispatch_group_t group = dispatch_group_create();
+    if (!state_->enqueue(dispatch::group_session(group))) {
+        dispatch_release(group);
+        return nullptr;
+    }
+    return group;
+}
+
+void LogServer::close() {
+    std::lock_guard lifecycle(state_->lifecycleMutex);
+    bool pending = false;
+    {
+        std::lock_guard lock(state_->mutex);
+        if (state_->closed) {
+            return;
+        }
+        state_->closed = true;
+        state_->stopping = true;
+        pending = !state_->queue.empty();
+    }
+    // Records, writers and flushes accepted before a start that never came are
+    // still handed over from a delivery thread of their own.
+    if (!state_->thread.joinable() && pending) {
+        state_->startThread();
+    }
+    if (state_->thread.joinable()) {
+        state_->wake.notify_one();
+        state_->thread.join();
+    }
+    std::vector<std::shared_ptr<LogWriter>> writers = std::move(state_->writers);
+    for (const auto& writer : writers) {
+        writer->close();
+    }
+    // Whatever a failed start left behind goes now, ending its flush sessions.
+    std::lock_guard lock(state_->mutex);
+    state_->queue.clear();
+}
+
+}  // namespace lum

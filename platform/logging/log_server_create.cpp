@@ -1,0 +1,10 @@
+#include "platform/logging/log.h"
+#include "platform/logging/log_server_state.h"
+
+namespace lum {
+
+std::shared_ptr<LogServer> LogServer::create(const std::string& name) {
+    return std::shared_ptr<LogServer>(new LogServer(std::make_unique<State>(name)));
+}
+
+}  // namespace lum

@@ -1,0 +1,72 @@
+#include "platform/runloop/run_loop.h"
+
+#include <poll.h>
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <cmath>
+
+#include "platform/dispatch/dispatch.h"
+
+namespace runloop {
+namespace {
+
+// The loop's epoll instance, watching the main queue's eventfd; -1 when it
+// could not be made.
+int loopEpollFd() {
+    static const int sFd = [] {
+        const int wakeupFd = dispatch_main_queue_wakeup_fd();
+        const int epollFd = epoll_create1(EPOLL_CLOEXEC);
+        if (epollFd < 0 || wakeupFd < 0) {
+            if (epollFd >= 0) {
+                close(epollFd);
+            }
+            return -1;
+        }
+        epoll_event event{};
+        event.events = EPOLLIN;
+        if (epoll_ctl(epollFd, EPOLL_CTL_ADD, wakeupFd, &event) != 0) {
+            close(epollFd);
+            return -1;
+        }
+        return epollFd;
+    }();
+    return sFd;
+}
+
+// Sleeps until the main queue has work or `timeoutMs` passes. Returns whether
+// there may be work. Without an epoll instance the loop still sleeps (and
+// drains at each slice's end) instead of spinning.
+bool waitForWork(int timeoutMs) {
+    const int epollFd = loopEpollFd();
+    if (epollFd < 0) {
+        poll(nullptr, 0, timeoutMs);
+        return true;
+    }
+    epoll_event event;
+    return epoll_wait(epollFd, &event, 1, timeoutMs) > 0;
+}
+
+}  // namespace
+
+RunResult runInDefaultMode(double seconds, bool returnAfterSourceHandled) {
+    // Clamp to a day; NaN and negative slices end at once.
+    const double sliceNs = std::isgreater(seconds, 0.0) ? std::fmin(seconds, 86400.0) * 1e9 : 0.0;
+    const dispatch_time_t deadline =
+        dispatch_time(DISPATCH_TIME_NOW, static_cast<int64_t>(sliceNs));
+    for (;;) {
+        const dispatch_time_t now = dispatch_time(DISPATCH_TIME_NOW, 0);
+        if (now >= deadline) {
+            return RunResult::kTimedOut;
+        }
+        // Round up, so that a wait never ends just short of the deadline and
+        // costs a second wake-up for the remainder.
+        const uint64_t remainingMs = (deadline - now + 999'999) / 1'000'000;
+        if (waitForWork(static_cast<int>(remainingMs)) && dispatch_main_queue_drain() > 0 &&
+            returnAfterSourceHandled) {
+            return RunResult::kHandledSource;
+        }
+    }
+}
+
+}  // namespace runloop

@@ -1,0 +1,46 @@
+// The system log: one handle per subsystem and category, a per-level switch,
+// and writes at the default and the error level.
+//
+// On Linux every message becomes one line on standard error, prefixed with the
+// sd-daemon priority ("<5>" default, "<3>" error) so that a systemd service
+// gets the right journal priority and a terminal shows the text. Each message
+// is written with a single write(2) and never sits in a stdio buffer, so a
+// process that exits right after logging loses nothing. A line feed inside a
+// message is written as "\n" (backslash, n): one message is always one line.
+#pragma once
+
+namespace systemlog {
+
+enum class Level {
+    kDefault,
+    kError,
+};
+
+struct HandleData;
+using Handle = const HandleData*;
+
+// The handle for a subsystem and category. The same pair always yields the
+// same handle; handles stay valid for the life of the process. Thread-safe.
+Handle create(const char* subsystem, const char* category);
+
+// The strings the handle was created with.
+const char* subsystemOf(Handle handle);
+const char* categoryOf(Handle handle);
+
+// Whether messages of `level` are written. Both levels start enabled.
+bool isEnabled(Handle handle, Level level);
+
+// Turns a level on or off for every handle (tests switch the default level off
+// to check that the log file still gets every record).
+void setEnabled(Level level, bool enabled);
+
+// Formats like printf and writes one line if the level is enabled. Thread-safe;
+// lines of concurrent writers never interleave.
+void write(Handle handle, Level level, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+// The file descriptor that lines go to (standard error unless changed).
+// Returns the previous one. For tests.
+int redirectForTesting(int fd);
+
+}  // namespace systemlog

@@ -1,0 +1,37 @@
+# Shared by scripts/run, scripts/test and .ci/run. Source it; do not run it.
+
+repo_root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+
+# Debian packages the build and the test suite need.
+kel_packages=(cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev
+              libclang-rt-14-dev util-linux procps)
+
+# Installs whatever of kel_packages is missing, with apt-get, once.
+kel_install_missing() {
+    local missing=()
+    local pkg
+    for pkg in "${kel_packages[@]}"; do
+        if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed'; then
+            missing+=("$pkg")
+        fi
+    done
+    if ((${#missing[@]} == 0)); then
+        return 0
+    fi
+    echo "Installing missing packages: ${missing[*]}" >&2
+    local sudo=()
+    if ((EUID != 0)); then
+        sudo=(sudo)
+    fi
+    "${sudo[@]}" apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq --no-install-recommends \
+        "${missing[@]}"
+}
+
+# kel_build PRESET [extra cmake arguments...]: configures and builds one preset.
+kel_build() {
+    local preset="$1"
+    shift
+    cmake --preset "$preset" -S "$repo_root" "$@" >/dev/null
+    cmake --build --preset "$preset" --parallel "$(nproc)"
+}

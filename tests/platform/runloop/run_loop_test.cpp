@@ -1,0 +1,67 @@
+#include "platform/runloop/run_loop.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <thread>
+#include <vector>
+
+#include "platform/dispatch/dispatch.h"
+
+namespace {
+
+using runloop::RunResult;
+
+TEST(RunLoopTest, ReturnsAfterWorkPostedFromAnotherThread) {
+    bool ran = false;
+    pid_t ranOn = 0;
+    std::thread poster([&] {
+        dispatch_async(dispatch_get_main_queue(), [&] {
+            ran = true;
+            ranOn = gettid();
+        });
+    });
+    EXPECT_EQ(runloop::runInDefaultMode(30.0, true), RunResult::kHandledSource);
+    poster.join();
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(ranOn, getpid());
+}
+
+TEST(RunLoopTest, TimesOutWhenNothingComes) {
+    const dispatch_time_t start = dispatch_time(DISPATCH_TIME_NOW, 0);
+    EXPECT_EQ(runloop::runInDefaultMode(0.02, true), RunResult::kTimedOut);
+    EXPECT_GE(dispatch_time(DISPATCH_TIME_NOW, 0) - start, 20'000'000u);
+    EXPECT_EQ(runloop::runInDefaultMode(-1.0, true), RunResult::kTimedOut);
+}
+
+TEST(RunLoopTest, WorkPostedByMainQueueWorkRunsInALaterTurn) {
+    std::vector<int> order;
+    dispatch_async(dispatch_get_main_queue(), [&] {
+        order.push_back(1);
+        dispatch_async(dispatch_get_main_queue(), [&] { order.push_back(3); });
+    });
+    dispatch_async(dispatch_get_main_queue(), [&] { order.push_back(2); });
+    EXPECT_EQ(runloop::runInDefaultMode(30.0, true), RunResult::kHandledSource);
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
+    EXPECT_EQ(runloop::runInDefaultMode(30.0, true), RunResult::kHandledSource);
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+}
+
+TEST(RunLoopTest, ServesSyncCallersAndKeepsServingUntilTheSliceEnds) {
+    // Without returnAfterSourceHandled the slice runs out even though work
+    // arrived; a dispatch_sync from another thread is served meanwhile.
+    int served = 0;
+    std::thread caller([&] {
+        dispatch_sync(dispatch_get_main_queue(), [&] { ++served; });
+        dispatch_sync(dispatch_get_main_queue(), [&] { ++served; });
+    });
+    while (served < 2) {
+        EXPECT_EQ(runloop::runInDefaultMode(0.05, false), RunResult::kTimedOut);
+    }
+    caller.join();
+    // On the main thread itself the main queue is already held.
+    dispatch_sync(dispatch_get_main_queue(), [&] { ++served; });
+    EXPECT_EQ(served, 3);
+}
+
+}  // namespace
