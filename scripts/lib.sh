@@ -30,9 +30,10 @@ kel_install_missing() {
 }
 
 # kel_build PRESET [extra cmake arguments...]: configures and builds one preset.
+# KEL_BUILD_TARGET, when set, limits the build to that target.
 kel_build() {
     local preset="$1"
     shift
     cmake --preset "$preset" -S "$repo_root" "$@" >/dev/null
-    cmake --build --preset "$preset" --parallel "$(nproc)"
+    cmake --build --preset "$preset" --parallel "$(nproc)" ${KEL_BUILD_TARGET:+--target "$KEL_BUILD_TARGET"}
 }
