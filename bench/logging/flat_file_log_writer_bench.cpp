@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <memory>
@@ -17,26 +16,9 @@
 #include "logging/flat_file_log_writer.h"
 #include "logging/shared_synchronizable.h"
 #include "tests/logging/scoped_writer.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
-
-class ScratchFolder {
-  public:
-    ScratchFolder() {
-        char pattern[] = "/tmp/kel-logging-bench-XXXXXX";
-        path_ = mkdtemp(pattern) != nullptr ? pattern : "/tmp";
-    }
-    ~ScratchFolder() {
-        std::error_code ignored;
-        if (path_ != "/tmp") {
-            std::filesystem::remove_all(path_, ignored);
-        }
-    }
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
 
 lum::LogMessage benchMessage() {
     lum::LogMessage message;
@@ -182,6 +164,6 @@ BENCHMARK(BM_MutexIdle);
 }  // namespace
 
 std::string benchFile(const std::string& name) {
-    static ScratchFolder folder;
-    return folder.path() + "/" + name + ".log";
+    static kel::testing::TempDir folder;
+    return folder.file(name + ".log");
 }

@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
@@ -29,19 +28,6 @@ int remainingMs(Clock::time_point deadline) {
 }
 
 }  // namespace
-
-TempDir::TempDir() {
-    char pattern[] = "/tmp/kelhelperd-test-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = pattern;
-}
-
-TempDir::~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
 
 DaemonProcess::DaemonProcess(const std::string& binary,
                              const std::vector<std::string>& extraEnvironment) {
@@ -123,16 +109,6 @@ bool DaemonProcess::readMore(Clock::time_point deadline) {
         buffer_.erase(0, newline + 1);
     }
     return true;
-}
-
-std::optional<OutputLine> DaemonProcess::nextLine(std::chrono::milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    while (consumed_ == lines_.size()) {
-        if (!readMore(deadline)) {
-            return std::nullopt;
-        }
-    }
-    return lines_[consumed_++];
 }
 
 void DaemonProcess::collectUntil(Clock::time_point deadline) {

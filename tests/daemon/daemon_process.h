@@ -11,21 +11,9 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/temp_dir.h"
+
 namespace kel::testing {
-
-// A fresh folder under /tmp, removed with its contents on destruction.
-class TempDir {
-  public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
 
 struct OutputLine {
     std::string text;
@@ -48,10 +36,6 @@ class DaemonProcess {
 
     pid_t pid() const { return pid_; }
     std::chrono::steady_clock::time_point startTime() const { return start_; }
-
-    // The next line of standard error, or nothing when none comes within
-    // `timeout` or the stream ends.
-    std::optional<OutputLine> nextLine(std::chrono::milliseconds timeout);
 
     // Collects output until `deadline`, stamping each line as it arrives.
     void collectUntil(std::chrono::steady_clock::time_point deadline);
@@ -78,7 +62,6 @@ class DaemonProcess {
     std::chrono::steady_clock::time_point start_;
     std::string buffer_;
     std::vector<OutputLine> lines_;
-    size_t consumed_ = 0;
     bool endOfOutput_ = false;
     std::optional<ExitStatus> status_;
 };

@@ -2,16 +2,18 @@
 // records a log server hands to its writers, and the lines of the system log.
 #pragma once
 
-#include <sys/mman.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "platform/logging/log.h"
 #include "platform/systemlog/system_log.h"
+#include "tests/support/temp_dir.h"
 
 namespace kel::testing {
 
@@ -59,12 +61,10 @@ struct RecordedLogServer {
     std::shared_ptr<lum::LogServer> server;
 };
 
-// Sends the system log into an anonymous file for the life of the scope.
+// Sends the system log into a scratch file for the life of the scope.
 class CapturedSystemLog {
   public:
-    CapturedSystemLog() : fd_(memfd_create("systemlog", MFD_CLOEXEC)) {
-        previous_ = systemlog::redirectForTesting(fd_);
-    }
+    CapturedSystemLog() = default;
     ~CapturedSystemLog() {
         systemlog::redirectForTesting(previous_);
         close(fd_);
@@ -73,27 +73,18 @@ class CapturedSystemLog {
     CapturedSystemLog& operator=(const CapturedSystemLog&) = delete;
 
     std::vector<std::string> lines() const {
-        std::string text;
-        char chunk[4096];
-        ssize_t got;
-        off_t offset = 0;
-        while ((got = pread(fd_, chunk, sizeof chunk, offset)) > 0) {
-            text.append(chunk, static_cast<size_t>(got));
-            offset += got;
-        }
+        std::istringstream text(readFile(dir_.file("systemlog")));
         std::vector<std::string> result;
-        size_t start = 0;
-        size_t end;
-        while ((end = text.find('\n', start)) != std::string::npos) {
-            result.push_back(text.substr(start, end - start));
-            start = end + 1;
+        for (std::string line; std::getline(text, line);) {
+            result.push_back(line);
         }
         return result;
     }
 
   private:
-    int fd_;
-    int previous_;
+    TempDir dir_;
+    const int fd_ = open(dir_.file("systemlog").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const int previous_ = systemlog::redirectForTesting(fd_);
 };
 
 }  // namespace kel::testing

@@ -1,5 +1,4 @@
-// Exit statuses of flat_file_child, shared with the tests that start it.
+// The exit status of flat_file_child when the machine refuses namespaces.
 #pragma once
 
-inline constexpr int kChildFailed = 2;
 inline constexpr int kChildRefused = 77;

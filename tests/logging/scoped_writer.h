@@ -1,5 +1,5 @@
 // A FlatFileLogWriter owned the way production code owns one, whose
-// destruction the test waits for, so that no writer outlives its test.
+// destruction (file closed included) is waited for when the scope ends.
 #pragma once
 
 #include <memory>
@@ -12,11 +12,12 @@ class ScopedWriter {
   public:
     explicit ScopedWriter(const std::string& path) {
         auto* writer = new QueueSharingWriter(path);
-        queue_ = writer->retainQueue();
+        queue_ = writer->queue();
+        dispatch_retain(queue_);
         writer_ = FlatFileLogWriter::make_shared_ptr(writer);
     }
-    // Drops the only strong reference and waits, on the writer's own queue,
-    // until the destruction queued there has run.
+    // Drops the only strong reference, then waits on the writer's queue for
+    // the destruction queued there.
     ~ScopedWriter() {
         writer_.reset();
         dispatch_sync(queue_, [] {});
@@ -26,16 +27,11 @@ class ScopedWriter {
     ScopedWriter& operator=(const ScopedWriter&) = delete;
 
     FlatFileLogWriter* operator->() const { return writer_.get(); }
-    const std::shared_ptr<FlatFileLogWriter>& get() const { return writer_; }
 
   private:
-    class QueueSharingWriter : public FlatFileLogWriter {
-      public:
+    struct QueueSharingWriter : FlatFileLogWriter {
         using FlatFileLogWriter::FlatFileLogWriter;
-        dispatch_queue_t retainQueue() {
-            dispatch_retain(queue_);
-            return queue_;
-        }
+        dispatch_queue_t queue() const { return queue_; }
     };
 
     dispatch_queue_t queue_ = nullptr;

@@ -1,110 +1,75 @@
 #include <spawn.h>
 #include <stdlib.h>
-#include <sys/stat.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <string>
-#include <system_error>
 
 #include <gtest/gtest.h>
 
 #include "platform/helperserver/helper_server.h"
-
-extern char** environ;
+#include "tests/support/temp_dir.h"
 
 namespace {
 
-// A fresh folder under /tmp, removed with what the tests put in it.
-class TempDir {
-  public:
-    TempDir() {
-        char pattern[] = "/tmp/h2-hosting-XXXXXX";
-        path_ = mkdtemp(pattern) != nullptr ? pattern : "";
+// What `body` returns in a forked copy of this process, or -1.
+int inChild(int (*body)()) {
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(body());
     }
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    const std::string& path() const { return path_; }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
-  private:
-    std::string path_;
-};
-
+// Only children ask, so this process never holds the lock and the test can
+// be repeated.
 TEST(HostingLockTest, OneProcessAtATime) {
     ASSERT_NE(&sCanHostHelperServer, nullptr);
-    TempDir dir;
-    ASSERT_FALSE(dir.path().empty());
-    // A folder that does not exist yet: the lock's folder is made on demand.
-    const std::string runtimeDir = dir.path() + "/run";
-    ASSERT_EQ(setenv("KEL_HELPER_RUNTIME_DIR", runtimeDir.c_str(), 1), 0);
-
-    int answer[2];
-    int release[2];
-    ASSERT_EQ(pipe(answer), 0);
-    ASSERT_EQ(pipe(release), 0);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        close(answer[0]);
-        close(release[1]);
-        const char result = static_cast<char>('0' + sCanHostHelperServer());
-        if (write(answer[1], &result, 1) != 1) {
-            _exit(2);
-        }
-        char ignored;
-        while (read(release[0], &ignored, 1) > 0) {
-        }
-        _exit(0);
+    kel::testing::TempDir dir;
+    // Not there yet: the lock's folder is made on demand.
+    setenv("KEL_HELPER_RUNTIME_DIR", dir.file("run").c_str(), 1);
+    int link[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, link), 0);
+    const pid_t holder = fork();
+    ASSERT_GE(holder, 0);
+    if (holder == 0) {
+        // Takes the lock, says so, and keeps it until the parent hangs up.
+        close(link[0]);
+        char byte = static_cast<char>(sCanHostHelperServer());
+        _exit(byte == 1 && write(link[1], &byte, 1) == 1 && read(link[1], &byte, 1) == 0 ? 0 : 1);
     }
-    close(answer[1]);
-    close(release[0]);
-    char childResult = 0;
-    EXPECT_EQ(read(answer[0], &childResult, 1), 1);
-    close(answer[0]);
-    EXPECT_EQ(childResult, '1');
+    close(link[1]);
+    char byte;
+    ASSERT_EQ(read(link[0], &byte, 1), 1);
+    EXPECT_EQ(inChild([] { return sCanHostHelperServer(); }), 0);
+    close(link[0]);
 
-    EXPECT_EQ(sCanHostHelperServer(), 0);
-
-    close(release[1]);
     int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_EQ(waitpid(holder, &status, 0), holder);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-
-    // The child's exit dropped the lock; once taken, it is kept.
-    EXPECT_EQ(sCanHostHelperServer(), 1);
-    EXPECT_EQ(sCanHostHelperServer(), 1);
-
-    const mode_t mask = umask(0);
-    umask(mask);
-    struct stat info {};
-    ASSERT_EQ(stat((runtimeDir + "/helper-server.lock").c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0644 & ~mask);
+    // The holder's exit dropped the lock; once taken, it is kept.
+    EXPECT_EQ(inChild([] { return sCanHostHelperServer() * 10 + sCanHostHelperServer(); }), 11);
     unsetenv("KEL_HELPER_RUNTIME_DIR");
 }
 
-// The trace folders are fixed while the process starts, so the runtime folder
-// case runs in a fresh copy of this program.
-TEST(TracePathsTest, FollowRuntimeDirOrDefaults) {
-    if (const char* expected = getenv("KEL_TEST_EXPECT_RUNTIME_DIR")) {
-        EXPECT_EQ(std::string(kel::trace::kScratchFolder), std::string(expected) + "/scratch/");
-        EXPECT_EQ(std::string(kel::trace::kSnapshotFolder), std::string(expected) + "/snapshots/");
+// The trace folders are fixed while the process starts, so they are checked
+// in a fresh copy of this program started with a runtime folder.
+TEST(TracePathsTest, FollowTheRuntimeFolder) {
+    if (getenv("KEL_TEST_TRACE_CHILD") != nullptr) {
+        const std::string dir = getenv("KEL_HELPER_RUNTIME_DIR");
+        EXPECT_EQ(kel::trace::kScratchFolder, dir + "/scratch/");
+        EXPECT_EQ(kel::trace::kSnapshotFolder, dir + "/snapshots/");
         return;
     }
-    if (getenv("KEL_HELPER_RUNTIME_DIR") == nullptr) {
-        EXPECT_STREQ(kel::trace::kScratchFolder, KEL_TRACE_SCRATCH_FOLDER);
-        EXPECT_STREQ(kel::trace::kSnapshotFolder, KEL_TRACE_SNAPSHOT_FOLDER);
-    }
-
-    const std::string dir = "/tmp/h2-trace-paths";
-    std::string runtimeVar = "KEL_HELPER_RUNTIME_DIR=" + dir;
-    std::string expectVar = "KEL_TEST_EXPECT_RUNTIME_DIR=" + dir;
-    std::string filter = "--gtest_filter=TracePathsTest.*";
     char self[] = "/proc/self/exe";
-    char* argv[] = {self, filter.data(), nullptr};
-    char* envp[] = {runtimeVar.data(), expectVar.data(), nullptr};
+    char filter[] = "--gtest_filter=TracePathsTest.*";
+    char runtimeDir[] = "KEL_HELPER_RUNTIME_DIR=/tmp/kel-trace-paths";
+    char marker[] = "KEL_TEST_TRACE_CHILD=1";
+    char* argv[] = {self, filter, nullptr};
+    char* envp[] = {runtimeDir, marker, nullptr};
     pid_t child = 0;
     ASSERT_EQ(posix_spawn(&child, self, nullptr, nullptr, argv, envp), 0);
     int status = 0;

@@ -1,5 +1,5 @@
-// Test helpers: a scratch folder under /tmp removed with everything in it, and
-// whole-file reads.
+// Shared test helpers: a scratch folder under /tmp that is removed with
+// everything in it, and whole-file reads.
 #pragma once
 
 #include <stdlib.h>
@@ -7,24 +7,27 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+
+namespace kel::testing {
 
 class TempDir {
   public:
     TempDir() {
-        char pattern[] = "/tmp/kel-logging-XXXXXX";
-        path_ = mkdtemp(pattern) != nullptr ? pattern : "";
+        char pattern[] = "/tmp/kelhelperd-test-XXXXXX";
+        if (mkdtemp(pattern) == nullptr) {
+            throw std::runtime_error("mkdtemp failed");
+        }
+        path_ = pattern;
     }
     ~TempDir() {
         std::error_code ignored;
-        if (!path_.empty()) {
-            std::filesystem::remove_all(path_, ignored);
-        }
+        std::filesystem::remove_all(path_, ignored);
     }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
 
-    // Empty when the folder could not be made.
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
 
@@ -39,3 +42,5 @@ inline std::string readFile(const std::string& path) {
     text << in.rdbuf();
     return text.str();
 }
+
+}  // namespace kel::testing
