@@ -113,6 +113,10 @@ void write(Handle handle, Level level, const char* format, ...) {
     }
     va_end(retry);
 
+    // A message may end its own line; every other line feed is escaped.
+    if (length > 0 && message[length - 1] == '\n') {
+        --length;
+    }
     size_t lineFeeds = 0;
     for (int i = 0; i < length; ++i) {
         lineFeeds += message[i] == '\n';

@@ -6,7 +6,8 @@
 // gets the right journal priority and a terminal shows the text. Each message
 // is written with a single write(2) and never sits in a stdio buffer, so a
 // process that exits right after logging loses nothing. A line feed inside a
-// message is written as "\n" (backslash, n): one message is always one line.
+// message is written as "\n" (backslash, n), one at its very end is dropped:
+// one message is always one line.
 #pragma once
 
 namespace systemlog {

@@ -37,7 +37,8 @@ TEST_F(SystemLogTest, WritesOnePrefixedLinePerEnabledMessage) {
     systemlog::write(handle, systemlog::Level::kDefault, "plain %d", 7);
     systemlog::write(handle, systemlog::Level::kError, "two\nlines");
     systemlog::write(handle, systemlog::Level::kDefault, "%s", "");
-    std::string expected = "<5>plain 7\n<3>two\\nlines\n<5>\n";
+    systemlog::write(handle, systemlog::Level::kError, "Error %s (%s)\n", "a\n", "b");
+    std::string expected = "<5>plain 7\n<3>two\\nlines\n<5>\n<3>Error a\\n (b)\n";
     // Escaped line feeds push the line, then the message too, past the stack buffers.
     for (int repeat : {400, 2000}) {
         std::string text, escaped;
