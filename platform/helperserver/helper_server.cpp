@@ -204,6 +204,7 @@ std::shared_ptr<HelperServer> HelperServer::create(std::shared_ptr<lum::LogServe
         listen(impl->listenFd.get(), SOMAXCONN) != 0) {
         impl->report(lum::LogLevel::kError, "cannot listen on %s: %s", impl->socketPath.c_str(),
                      strerror(errno));
+        unlink(impl->socketPath.c_str());
         return nullptr;
     }
     impl->epollFd.reset(epoll_create1(EPOLL_CLOEXEC));

@@ -366,7 +366,9 @@ void* monitorMain(void*) {
         int64_t next = kNever;
         uint64_t activity = 0;
         for (Slot& slot : sSlots) {
-            uint64_t word = slot.word.load(std::memory_order_acquire);
+            // Sequentially consistent, like the arm's store and the wake-time
+            // store above: the pairing only holds if all four are.
+            uint64_t word = slot.word.load();
             activity += word;
             if (stateOf(word) != kArmed) {
                 continue;
