@@ -92,16 +92,18 @@ std::string uniquePath(const std::string& path) {
 
 std::string uniquePathBeforeExtension(const std::string& path) {
     static const std::regex sNamePattern(R"(^([/_\-[:alnum:]]*)(.*))", std::regex::ECMAScript);
-    std::string candidate = path;
+    if (!exists(path)) {
+        return path;
+    }
+    std::smatch match;
+    if (!std::regex_match(path, match, sNamePattern)) {
+        return std::string();
+    }
     for (unsigned i = 1;; ++i) {
+        std::string candidate = match.str(1) + "-" + std::to_string(i) + match.str(2);
         if (!exists(candidate)) {
             return candidate;
         }
-        std::smatch match;
-        if (!std::regex_match(path, match, sNamePattern)) {
-            return std::string();
-        }
-        candidate = match.str(1) + "-" + std::to_string(i) + match.str(2);
     }
 }
 

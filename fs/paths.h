@@ -1,5 +1,6 @@
-// Small path operations on byte-string paths, each file-system step of which
-// runs under a WatchdogGuard.
+// Small path operations on byte-string paths. Existence tests and directory
+// creation run under a WatchdogGuard, one guard per system call; the listing
+// step of isDirectory does not.
 //
 // Paths are passed to the system unchanged (no normalisation, no encoding). A
 // file-system failure is a result (false, or an empty string), never an
