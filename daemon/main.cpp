@@ -2,8 +2,8 @@
 //
 // It takes no arguments, reads no environment variable and always exits with
 // status 0. Shutdown runs in a fixed order: stop the helper server, report
-// "Exit!", flush and close the log server, then drop the helper server, the
-// log writer and the log server.
+// "Exit!", flush and close the log server, then drop the helper server and the
+// log server.
 #include <memory>
 #include <string>
 

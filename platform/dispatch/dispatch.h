@@ -160,7 +160,8 @@ void dispatch_source_set_event_handler(dispatch_source_t source, dispatch_block_
 
 // Arms a timer source: first firing at `start`, then every `intervalNs`
 // (DISPATCH_TIME_FOREVER: once). `leewayNs` is how late a firing may come, so
-// that it can share a wake-up with other work.
+// that it could share a wake-up with other work; this implementation accepts
+// it and fires on time.
 void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start, uint64_t intervalNs,
                                uint64_t leewayNs);
 

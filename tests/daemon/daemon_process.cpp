@@ -76,6 +76,9 @@ DaemonProcess::DaemonProcess(const std::string& binary,
     stderrFd_ = pipeFds[0];
     pidfd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
     if (pidfd_ < 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+        close(stderrFd_);
         throw std::runtime_error("pidfd_open failed");
     }
 }

@@ -1,6 +1,6 @@
 // A daemon binary run as a child process for end-to-end tests: its standard
 // error is captured line by line with arrival times, and its exit is awaited
-// through a pidfd, so every wait is bounded and none polls.
+// through a pidfd. Every wait is bounded.
 #pragma once
 
 #include <sys/types.h>
