@@ -150,7 +150,8 @@ void dispatch_group_notify(dispatch_group_t group, dispatch_queue_t queue, dispa
 // --- Sources --------------------------------------------------------------------
 
 // A new, inactive source delivering on `queue` (null: the global queue).
-// Returns null when the kernel objects behind it cannot be made.
+// Returns null when the kernel objects behind it, or the thread that watches
+// them, cannot be made.
 dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t handle,
                                          uintptr_t mask, dispatch_queue_t queue);
 

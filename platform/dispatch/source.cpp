@@ -302,6 +302,12 @@ dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t 
     } else if (type == DISPATCH_SOURCE_TYPE_TIMER) {
         fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
     }
+    // A source nobody could ever watch is not made at all: a caller that gets
+    // one relies on it, for instance by ignoring the signal it reports.
+    if (fd >= 0 && EventLoop::get() == nullptr) {
+        close(fd);
+        fd = -1;
+    }
     if (fd < 0) {
         return nullptr;
     }
