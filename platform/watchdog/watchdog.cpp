@@ -134,7 +134,9 @@ constexpr int kMaxFrames = 64;
 constexpr pid_t kCapturing = -1;
 
 // One capture at a time: only the monitor asks for stacks. `target` is the
-// thread asked to fill in `frames`, kCapturing while it does, 0 otherwise.
+// thread asked to fill in `frames`, kCapturing while it does, 0 otherwise. The
+// handler itself sets it back to 0 when it has finished, so a capture that the
+// monitor gave up on keeps the buffer to itself until it is over.
 struct Capture {
     std::atomic<pid_t> target{0};
     std::atomic<uint32_t> done{0};
@@ -149,36 +151,43 @@ void onStackReportSignal(int, siginfo_t*, void*) {
     if (sCapture.target.compare_exchange_strong(expected, kCapturing)) {
         sCapture.depth = backtrace(sCapture.frames, kMaxFrames);
         sCapture.done.store(1, std::memory_order_release);
+        sCapture.target.store(0);
         futexWake(sCapture.done);
     }
     errno = savedErrno;
 }
 
 // Asks `tid` for its stack and waits a bounded time; returns the number of
-// frames in sCapture.frames, 0 when the thread did not answer.
+// frames in sCapture.frames, 0 when the thread did not answer in time (or an
+// earlier capture that was given up on is still running).
 int captureStack(pid_t tid) {
+    if (sCapture.target.load() != 0) {
+        return 0;
+    }
     sCapture.done.store(0, std::memory_order_relaxed);
     sCapture.target.store(tid);
     if (tgkill(getpid(), tid, platform::stackReportSignal()) != 0) {
         sCapture.target.store(0);
         return 0;
     }
-    const int64_t giveUpAt = nowNs(CLOCK_MONOTONIC) + kCaptureTimeoutNs;
-    bool bounded = true;
+    // First the thread has to take the signal; once its handler runs, the
+    // unwinding gets as long again before the report goes out without it.
+    int64_t giveUpAt = nowNs(CLOCK_MONOTONIC) + kCaptureTimeoutNs;
+    bool started = false;
     while (sCapture.done.load(std::memory_order_acquire) == 0) {
         const int64_t remaining = giveUpAt - nowNs(CLOCK_MONOTONIC);
-        if (bounded && remaining <= 0) {
+        if (remaining <= 0) {
             pid_t expected = tid;
-            if (sCapture.target.compare_exchange_strong(expected, 0)) {
+            if (started || sCapture.target.compare_exchange_strong(expected, 0)) {
                 return 0;
             }
-            // The handler has started; it finishes without blocking.
-            bounded = false;
+            started = true;
+            giveUpAt = nowNs(CLOCK_MONOTONIC) + kCaptureTimeoutNs;
+            continue;
         }
         const timespec timeout = toTimespec(remaining);
-        futexWait(sCapture.done, 0, bounded ? &timeout : nullptr);
+        futexWait(sCapture.done, 0, &timeout);
     }
-    sCapture.target.store(0);
     return sCapture.depth;
 }
 
