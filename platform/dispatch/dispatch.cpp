@@ -1,9 +1,7 @@
 #include "platform/dispatch/dispatch.h"
 
-#include <linux/futex.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
-#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -16,6 +14,7 @@
 #include <vector>
 
 #include "platform/dispatch/dispatch_internal.h"
+#include "platform/threads/futex.h"
 #include "platform/threads/signal_mask.h"
 
 using dispatch::internal::Work;
@@ -56,28 +55,6 @@ dispatch_time_t monotonicNow() {
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
 }
 
-bool futexWait(std::atomic<uint32_t>& word, uint32_t expected, dispatch_time_t deadline) {
-    static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t));
-    timespec limit{};
-    const timespec* limitPtr = nullptr;
-    if (deadline != DISPATCH_TIME_FOREVER) {
-        limit.tv_sec = static_cast<time_t>(deadline / 1'000'000'000u);
-        limit.tv_nsec = static_cast<long>(deadline % 1'000'000'000u);
-        limitPtr = &limit;
-    }
-    // FUTEX_WAIT_BITSET takes an absolute CLOCK_MONOTONIC deadline, so a
-    // wait interrupted and restarted never stretches the time-out.
-    const long rc = syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word),
-                            FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, expected, limitPtr, nullptr,
-                            FUTEX_BITSET_MATCH_ANY);
-    return !(rc != 0 && errno == ETIMEDOUT);
-}
-
-void futexWake(std::atomic<uint32_t>& word, int count) {
-    syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word), FUTEX_WAKE | FUTEX_PRIVATE_FLAG, count,
-            nullptr, nullptr, 0);
-}
-
 bool startThread(void* (*entry)(void*), void* arg) {
     const platform::ScopedThreadSignalMask mask;
     pthread_attr_t attr;
@@ -93,8 +70,8 @@ bool startThread(void* (*entry)(void*), void* arg) {
 
 namespace {
 
-using dispatch::internal::futexWait;
-using dispatch::internal::futexWake;
+using platform::futexWait;
+using platform::futexWake;
 
 // Work submitted with dispatch_async_f.
 struct FunctionWork : Work {

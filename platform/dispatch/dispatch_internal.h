@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/dispatch/dispatch.h"
+#include "platform/threads/futex.h"
 
 struct dispatch_object_s {
     enum class Kind : uint8_t { kSerialQueue, kMainQueue, kGlobalQueue, kGroup, kSource };
@@ -61,11 +62,8 @@ void enqueue(dispatch_queue_t queue, Work* work);
 
 dispatch_time_t monotonicNow();
 
-// Sleeps while `word` holds `expected`, until woken or `deadline` (absolute
-// CLOCK_MONOTONIC; DISPATCH_TIME_FOREVER for no limit). Returns false only
-// when the deadline passed.
-bool futexWait(std::atomic<uint32_t>& word, uint32_t expected, dispatch_time_t deadline);
-void futexWake(std::atomic<uint32_t>& word, int count);
+// Waits on futexes take DISPATCH_TIME_FOREVER as "no deadline".
+static_assert(DISPATCH_TIME_FOREVER == platform::kNoDeadline);
 
 // Starts a detached thread running `entry(arg)`. The thread inherits the
 // platform threads' mask (platform/threads), set here around its creation so

@@ -5,7 +5,6 @@
 #include <errno.h>
 #include <execinfo.h>
 #include <fcntl.h>
-#include <linux/futex.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -24,6 +23,7 @@
 
 #include "platform/helperserver/helper_server.h"
 #include "platform/systemlog/system_log.h"
+#include "platform/threads/futex.h"
 #include "platform/threads/signal_mask.h"
 
 namespace {
@@ -102,20 +102,6 @@ int64_t nowNs(clockid_t clock) {
     return ts.tv_sec * 1'000'000'000 + ts.tv_nsec;
 }
 
-timespec toTimespec(int64_t ns) {
-    return timespec{static_cast<time_t>(ns / 1'000'000'000), static_cast<long>(ns % 1'000'000'000)};
-}
-
-long futexWait(std::atomic<uint32_t>& word, uint32_t expected, const timespec* relative) {
-    return syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word), FUTEX_WAIT_PRIVATE, expected,
-                   relative, nullptr, 0);
-}
-
-void futexWake(std::atomic<uint32_t>& word) {
-    syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word), FUTEX_WAKE_PRIVATE, INT_MAX, nullptr,
-            nullptr, 0);
-}
-
 pid_t currentThreadId() {
     if (sThreadId == 0) {
         sThreadId = gettid();
@@ -125,7 +111,7 @@ pid_t currentThreadId() {
 
 void wakeMonitor() {
     sWakeSequence.fetch_add(1);
-    futexWake(sWakeSequence);
+    platform::futexWake(sWakeSequence, INT_MAX);
 }
 
 // --- Capturing a thread's stack ---------------------------------------------
@@ -152,7 +138,7 @@ void onStackReportSignal(int, siginfo_t*, void*) {
         sCapture.depth = backtrace(sCapture.frames, kMaxFrames);
         sCapture.done.store(1, std::memory_order_release);
         sCapture.target.store(0);
-        futexWake(sCapture.done);
+        platform::futexWake(sCapture.done, INT_MAX);
     }
     errno = savedErrno;
 }
@@ -185,8 +171,7 @@ int captureStack(pid_t tid) {
             giveUpAt = nowNs(CLOCK_MONOTONIC) + kCaptureTimeoutNs;
             continue;
         }
-        const timespec timeout = toTimespec(remaining);
-        futexWait(sCapture.done, 0, &timeout);
+        platform::futexWait(sCapture.done, 0, static_cast<uint64_t>(giveUpAt));
     }
     return sCapture.depth;
 }
@@ -396,11 +381,13 @@ void* monitorMain(void*) {
         previousActivity = activity;
         sMonitorWakeAt.store(next);
         if (next == kNever) {
-            futexWait(sWakeSequence, sequence, nullptr);
+            platform::futexWait(sWakeSequence, sequence, platform::kNoDeadline);
         } else {
-            const timespec timeout =
-                toTimespec(std::max<int64_t>(next - nowNs(CLOCK_MONOTONIC_COARSE), 0) + tickNs);
-            futexWait(sWakeSequence, sequence, &timeout);
+            // `next` is on the coarse clock, the wait on the precise one.
+            const int64_t sleepNs =
+                std::max<int64_t>(next - nowNs(CLOCK_MONOTONIC_COARSE), 0) + tickNs;
+            platform::futexWait(sWakeSequence, sequence,
+                                static_cast<uint64_t>(nowNs(CLOCK_MONOTONIC) + sleepNs));
         }
     }
 }
