@@ -91,7 +91,9 @@ class LogServer {
     dispatch_group_t flush() const;
 
     // Delivers what was accepted, stops the delivery thread, closes and drops
-    // the writers. Later records are dropped. Idempotent.
+    // the writers. Later records are dropped. Idempotent. It waits for the
+    // delivery thread, so neither it nor the destructor (which calls it) may
+    // run on that thread: a writer must not own its server.
     void close();
 
   private:
