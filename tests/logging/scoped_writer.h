@@ -10,11 +10,10 @@
 
 class ScopedWriter {
   public:
-    explicit ScopedWriter(const std::string& path) {
-        auto* writer = new QueueSharingWriter(path);
-        queue_ = writer->queue();
+    explicit ScopedWriter(const std::string& path)
+        : writer_(FlatFileLogWriter::make_shared_ptr(new QueueSharingWriter(path))),
+          queue_(static_cast<QueueSharingWriter*>(writer_.get())->queue_) {
         dispatch_retain(queue_);
-        writer_ = FlatFileLogWriter::make_shared_ptr(writer);
     }
     // Drops the only strong reference, then waits on the writer's queue for
     // the destruction queued there.
@@ -31,9 +30,9 @@ class ScopedWriter {
   private:
     struct QueueSharingWriter : FlatFileLogWriter {
         using FlatFileLogWriter::FlatFileLogWriter;
-        dispatch_queue_t queue() const { return queue_; }
+        using FlatFileLogWriter::queue_;
     };
 
-    dispatch_queue_t queue_ = nullptr;
     std::shared_ptr<FlatFileLogWriter> writer_;
+    dispatch_queue_t queue_;
 };

@@ -16,11 +16,7 @@ class Probe : public lum::SharedSynchronizable<Probe> {
     Probe(dispatch_queue_t target, std::vector<std::string>* events)
         : SharedSynchronizable("probe", DISPATCH_QUEUE_SERIAL, target), events_(events) {}
     virtual ~Probe() { events_->push_back("destroyed"); }
-
-    dispatch_queue_t retainQueue() {
-        dispatch_retain(queue_);
-        return queue_;
-    }
+    using SharedSynchronizable::queue_;
 
   private:
     std::vector<std::string>* events_;
@@ -41,16 +37,15 @@ TEST(SharedSynchronizableTest, RunsOnItsQueueAndIsDestroyedThere) {
         if (target != nullptr) {
             dispatch_release(target);
         }
-        Probe* raw = probe.get();
-        dispatch_queue_t queue = raw->retainQueue();
+        dispatch_queue_t queue = probe->queue_;
+        dispatch_retain(queue);
 
         std::thread::id ranOn;
-        raw->execute_sync([&] { ranOn = std::this_thread::get_id(); });
+        probe->execute_sync([&] { ranOn = std::this_thread::get_id(); });
         EXPECT_EQ(ranOn == std::this_thread::get_id(), !withTarget);
 
-        std::promise<void> entered;
-        std::promise<void> release;
-        std::thread busy([&] {
+        std::promise<void> entered, release;
+        std::thread busy([&, raw = probe.get()] {
             raw->execute_sync([&] {
                 entered.set_value();
                 release.get_future().wait();

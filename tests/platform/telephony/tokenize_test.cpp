@@ -1,18 +1,13 @@
 #include "platform/telephony/tokenize.h"
 
-#include <gmock/gmock.h>
+#include <tuple>
+
 #include <gtest/gtest.h>
 
 namespace {
 
-using ::testing::ElementsAreArray;
-
 TEST(TokenizeTest, KeepsEmptyFieldsInOrder) {
-    const struct {
-        std::string text;
-        char separator;
-        std::vector<std::string> fields;
-    } kCases[] = {
+    const std::tuple<std::string, char, std::vector<std::string>> kCases[] = {
         {"", '/', {}},
         {"a", '/', {"a"}},
         {"/", '/', {"", ""}},
@@ -21,9 +16,8 @@ TEST(TokenizeTest, KeepsEmptyFieldsInOrder) {
         {"a/", '/', {"a", ""}},
         {"a b  c", ' ', {"a", "b", "", "c"}},
     };
-    for (const auto& c : kCases) {
-        EXPECT_THAT(lum::tokenize(c.text, c.separator, 0), ElementsAreArray(c.fields))
-            << "text \"" << c.text << "\"";
+    for (const auto& [text, separator, fields] : kCases) {
+        EXPECT_EQ(lum::tokenize(text, separator, 0), fields) << '"' << text << '"';
     }
 }
 
