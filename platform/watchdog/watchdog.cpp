@@ -277,20 +277,21 @@ std::string writeSnapshotFile(pid_t tid, const std::vector<std::string>& lines) 
         text += line;
         text += '\n';
     }
-    bool complete = true;
+    int error = 0;
     for (size_t written = 0; written < text.size();) {
         const ssize_t n = write(fd, text.data() + written, text.size() - written);
         if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n <= 0) {
-            complete = false;
+            // A zero-length write sets no errno; call it what it is.
+            error = n < 0 ? errno : ENOSPC;
             break;
         }
         written += static_cast<size_t>(n);
     }
     close(fd);
-    return complete ? path : path + " (incomplete: " + strerror(errno) + ")";
+    return error == 0 ? path : path + " (incomplete: " + strerror(error) + ")";
 }
 
 void report(pid_t tid, const char* reason, int32_t timeoutMs, int64_t deadlineNs) {
