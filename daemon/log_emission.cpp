@@ -1,9 +1,8 @@
 #include "daemon/log_emission.h"
 
-#include <mutex>
 #include <string>
 
-#include "platform/libc/progname.h"
+#include "platform/posix/progname.h"
 
 namespace kel {
 
@@ -23,24 +22,6 @@ void logInfo(const std::shared_ptr<lum::LogServer>& logServer, const char* text)
     if (logger.shouldLog(kLifecycleLevel)) {
         logger.forceLog(kLifecycleLevel, lum::LogMessageBuffer::createWithFormat("%s", text));
     }
-}
-
-lum::OsLogContext& globalLogContext() {
-    static lum::OsLogContext sContext;
-    static std::once_flag sOnce;
-    std::call_once(sOnce, [] { sContext = lum::OsLogContext(lum::kTelephonySubsystem, "global"); });
-    return sContext;
-}
-
-lum::StaticLogger& globalLogger(const std::shared_ptr<lum::LogServer>& logServer) {
-    static lum::StaticLogger sLogger;
-    static std::once_flag sOnce;
-    std::call_once(sOnce, [server = logServer] {
-        const lum::StaticLogger bound(globalLogContext(), server);
-        static_cast<lum::LoggerCommonBase&>(sLogger) = bound;
-        sLogger.setSink(bound.sink());
-    });
-    return sLogger;
 }
 
 }  // namespace kel

@@ -7,7 +7,7 @@
 
 #include <memory>
 
-#include "platform/logging/log.h"
+#include "platform/logserver/log.h"
 
 namespace kel {
 
@@ -27,14 +27,5 @@ inline constexpr const char* kExitMessage = "Exit!";
 // `logServer` must not be empty: callers emit nothing without a log server.
 // Safe from any thread.
 void logInfo(const std::shared_ptr<lum::LogServer>& logServer, const char* text);
-
-// The process-wide system-log context of category "global", made on first use.
-// Thread-safe.
-lum::OsLogContext& globalLogContext();
-
-// The process-wide logger on the "global" context. The first call binds it to
-// its `logServer`; later calls return the same logger and ignore theirs.
-// Thread-safe.
-lum::StaticLogger& globalLogger(const std::shared_ptr<lum::LogServer>& logServer);
 
 }  // namespace kel

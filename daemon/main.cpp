@@ -11,8 +11,8 @@
 #include "daemon/watches.h"
 #include "platform/dispatch/dispatch.h"
 #include "platform/helperserver/helper_server.h"
-#include "platform/libc/progname.h"
-#include "platform/logging/log.h"
+#include "platform/logserver/log.h"
+#include "platform/posix/progname.h"
 #include "platform/runloop/run_loop.h"
 
 namespace {
@@ -39,14 +39,11 @@ void runUntilExitRequested() {
 
 void shutDownLogging(const std::shared_ptr<lum::LogServer>& logServer) {
     kel::logInfo(logServer, kel::kExitMessage);
-    dispatch_group_t flushed = logServer->flush();
-    if (flushed != nullptr) {
-        dispatch_group_wait(flushed, DISPATCH_TIME_FOREVER);
+    const auto flushed = dispatch::Owned<dispatch_group_t>::adopt(logServer->flush());
+    if (flushed) {
+        dispatch_group_wait(flushed.get(), DISPATCH_TIME_FOREVER);
     }
     logServer->close();
-    if (flushed != nullptr) {
-        dispatch_release(flushed);
-    }
 }
 
 }  // namespace
@@ -63,20 +60,17 @@ int main(int /*argc*/, char** /*argv*/) {
     std::shared_ptr<kel::HelperServer> server = createHelperServerIfAllowed(logServer);
     if (server) {
         server->start();
-        dispatch_source_t terminationWatch = kel::installTerminationWatch(logServer);
-        dispatch_source_t idleWatch = kel::installIdleWatch(server, logServer);
+        auto terminationWatch = kel::installTerminationWatch(logServer);
+        auto idleWatch = kel::installIdleWatch(server, logServer);
 
         runUntilExitRequested();
 
         server->stop();
         // Neither watch is cancelled here: the one that ended the loop has
-        // cancelled itself, and the other may still fire harmlessly.
-        if (idleWatch != nullptr) {
-            dispatch_release(idleWatch);
-        }
-        if (terminationWatch != nullptr) {
-            dispatch_release(terminationWatch);
-        }
+        // cancelled itself, and the other may still fire harmlessly. Only
+        // main's references go, the idle timer's first.
+        idleWatch = {};
+        terminationWatch = {};
     } else if (logServer) {
         kel::logInfo(logServer, kel::kNotAllowedMessage);
     }

@@ -11,7 +11,7 @@
 
 #include "platform/dispatch/dispatch.h"
 #include "platform/helperserver/helper_server.h"
-#include "platform/logging/log.h"
+#include "platform/logserver/log.h"
 
 namespace kel {
 
@@ -35,17 +35,18 @@ void requestExit();
 // Installs the termination watch: a SIGTERM source on the main queue whose
 // handler reports "Signal received" (when there is a log server) and sets
 // sShouldExit. From then on SIGTERM is ignored as a signal and only reported
-// through the source. Returns the source (one reference for the caller), or
-// null when none could be made; SIGTERM then keeps its default action.
-dispatch_source_t installTerminationWatch(const std::shared_ptr<lum::LogServer>& logServer);
+// through the source. Returns the source, or an empty owner when none could be
+// made; SIGTERM then keeps its default action.
+dispatch::Owned<dispatch_source_t> installTerminationWatch(
+    const std::shared_ptr<lum::LogServer>& logServer);
 
 // Installs the idle watch: a timer on the global queue that asks the helper
 // server whether it is busy. A busy answer is reported and the timer keeps
 // going; the first idle answer is reported, cancels the timer and posts
-// requestExit to the main queue. Returns the source (one reference for the
-// caller), or null when none could be made.
-dispatch_source_t installIdleWatch(const std::shared_ptr<HelperServer>& server,
-                                   const std::shared_ptr<lum::LogServer>& logServer,
-                                   const IdleWatchTiming& timing = kIdleWatchTiming);
+// requestExit to the main queue. Returns the source, or an empty owner when
+// none could be made.
+dispatch::Owned<dispatch_source_t> installIdleWatch(
+    const std::shared_ptr<HelperServer>& server, const std::shared_ptr<lum::LogServer>& logServer,
+    const IdleWatchTiming& timing = kIdleWatchTiming);
 
 }  // namespace kel

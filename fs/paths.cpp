@@ -7,7 +7,7 @@
 #include <regex>
 
 #include "fs/watchdog_guard.h"
-#include "platform/telephony/tokenize.h"
+#include "platform/strings/tokenize.h"
 
 namespace fsutil {
 

@@ -33,7 +33,7 @@
 #include <string>
 
 #include "logging/shared_synchronizable.h"
-#include "platform/logging/log.h"
+#include "platform/logserver/log.h"
 
 class FlatFileLogWriter : public lum::LogWriter,
                           public lum::SharedSynchronizable<FlatFileLogWriter> {

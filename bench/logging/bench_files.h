@@ -9,7 +9,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "platform/logging/log.h"
+#include "platform/logserver/log.h"
 
 // About 70 bytes once formatted.
 inline constexpr int64_t kBenchTimestampNs = 1700000000123456789;

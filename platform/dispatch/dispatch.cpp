@@ -1,6 +1,5 @@
 #include "platform/dispatch/dispatch.h"
 
-#include <pthread.h>
 #include <sys/eventfd.h>
 #include <time.h>
 #include <unistd.h>
@@ -10,12 +9,13 @@
 #include <climits>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
 #include "platform/dispatch/dispatch_internal.h"
-#include "platform/threads/futex.h"
-#include "platform/threads/signal_mask.h"
+#include "platform/posix/futex.h"
+#include "platform/posix/thread.h"
 
 using dispatch::internal::Work;
 using dispatch::internal::WorkList;
@@ -55,15 +55,12 @@ dispatch_time_t monotonicNow() {
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
 }
 
-bool startThread(void* (*entry)(void*), void* arg) {
-    const platform::ScopedThreadSignalMask mask;
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    pthread_t thread;
-    const int rc = pthread_create(&thread, &attr, entry, arg);
-    pthread_attr_destroy(&attr);
-    return rc == 0;
+bool startDetachedThread(const char* name, std::function<void()> body) {
+    std::optional<std::thread> thread = platform::startThread(name, std::move(body));
+    if (thread) {
+        thread->detach();
+    }
+    return thread.has_value();
 }
 
 }  // namespace dispatch::internal
@@ -153,18 +150,14 @@ class GlobalQueue final : public dispatch_queue_s {
         if (notify) {
             wakeup_.notify_one();
         }
-        if (spawn && !dispatch::internal::startThread(&GlobalQueue::workerMain, this)) {
+        if (spawn &&
+            !dispatch::internal::startDetachedThread("kel-dispatch", [this] { serve(); })) {
             std::lock_guard lock(mutex_);
             --threads_;
         }
     }
 
   private:
-    static void* workerMain(void* arg) {
-        static_cast<GlobalQueue*>(arg)->serve();
-        return nullptr;
-    }
-
     void serve() {
         std::unique_lock lock(mutex_);
         for (;;) {

@@ -84,13 +84,14 @@ dispatch_time_t dispatch_time(dispatch_time_t when, int64_t deltaNs);
 // --- Queues -------------------------------------------------------------------
 
 // A new serial queue. `label` is copied; it may be null.
-dispatch_queue_t dispatch_queue_create(const char* label, dispatch_queue_attr_t attr);
+[[nodiscard]] dispatch_queue_t dispatch_queue_create(const char* label, dispatch_queue_attr_t attr);
 
 // A new serial queue whose work runs on `target`'s threads, serialised with the
 // target's own work when the target is serial. A null target is the global
 // queue.
-dispatch_queue_t dispatch_queue_create_with_target(const char* label, dispatch_queue_attr_t attr,
-                                                   dispatch_queue_t target);
+[[nodiscard]] dispatch_queue_t dispatch_queue_create_with_target(const char* label,
+                                                                 dispatch_queue_attr_t attr,
+                                                                 dispatch_queue_t target);
 
 dispatch_queue_t dispatch_get_main_queue();
 dispatch_queue_t dispatch_get_global_queue(intptr_t priority, uintptr_t flags);
@@ -135,7 +136,7 @@ void dispatch_async(dispatch_queue_t queue, dispatch_block_t work);
 
 // --- Groups ---------------------------------------------------------------------
 
-dispatch_group_t dispatch_group_create();
+[[nodiscard]] dispatch_group_t dispatch_group_create();
 void dispatch_group_enter(dispatch_group_t group);
 void dispatch_group_leave(dispatch_group_t group);
 
@@ -152,8 +153,9 @@ void dispatch_group_notify(dispatch_group_t group, dispatch_queue_t queue, dispa
 // A new, inactive source delivering on `queue` (null: the global queue).
 // Returns null when the kernel objects behind it, or the thread that watches
 // them, cannot be made.
-dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t handle,
-                                         uintptr_t mask, dispatch_queue_t queue);
+[[nodiscard]] dispatch_source_t dispatch_source_create(dispatch_source_type_t type,
+                                                       uintptr_t handle, uintptr_t mask,
+                                                       dispatch_queue_t queue);
 
 // The handler runs on the source's queue, one firing at a time. The source
 // keeps its own copy until it is cancelled and the last firing has finished.
@@ -189,6 +191,60 @@ int dispatch_main_queue_wakeup_fd();
 int dispatch_main_queue_drain();
 
 namespace dispatch {
+
+// Owns one reference to a dispatch object (queue, group or source) and gives
+// it back when destroyed. Move-only. adopt() takes over the reference that a
+// create function returned; retain() takes a new one on a handle that someone
+// else owns.
+//
+//   dispatch::Owned<dispatch_queue_t> queue =
+//       dispatch::Owned<dispatch_queue_t>::adopt(dispatch_queue_create("q", nullptr));
+template <typename Handle>
+class [[nodiscard]] Owned {
+  public:
+    Owned() = default;
+    static Owned adopt(Handle handle) { return Owned(handle); }
+    static Owned retain(Handle handle) {
+        if (handle != nullptr) {
+            dispatch_retain(handle);
+        }
+        return Owned(handle);
+    }
+    Owned(Owned&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
+    Owned& operator=(Owned&& other) noexcept {
+        std::swap(handle_, other.handle_);
+        return *this;
+    }
+    ~Owned() {
+        if (handle_ != nullptr) {
+            dispatch_release(handle_);
+        }
+    }
+
+    Handle get() const { return handle_; }
+    explicit operator bool() const { return handle_ != nullptr; }
+
+  private:
+    explicit Owned(Handle handle) : handle_(handle) {}
+    Handle handle_ = nullptr;
+};
+
+// A reference for closures that the platform copies, such as event handlers:
+// every copy holds a reference of its own, so the object lives as long as any
+// copy of the closure does.
+template <typename Handle>
+class Retained {
+  public:
+    explicit Retained(Handle handle) : handle_(handle) { dispatch_retain(handle_); }
+    Retained(const Retained& other) : Retained(other.handle_) {}
+    Retained& operator=(const Retained&) = delete;
+    ~Retained() { dispatch_release(handle_); }
+
+    Handle get() const { return handle_; }
+
+  private:
+    Handle handle_;
+};
 
 // A share in a group's completion: the group counts as busy while any copy of
 // a session exists. Handy for handing one completion to several parties.

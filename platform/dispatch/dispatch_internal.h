@@ -4,10 +4,11 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "platform/dispatch/dispatch.h"
-#include "platform/threads/futex.h"
+#include "platform/posix/futex.h"
 
 struct dispatch_object_s {
     enum class Kind : uint8_t { kSerialQueue, kMainQueue, kGlobalQueue, kGroup, kSource };
@@ -65,10 +66,8 @@ dispatch_time_t monotonicNow();
 // Waits on futexes take DISPATCH_TIME_FOREVER as "no deadline".
 static_assert(DISPATCH_TIME_FOREVER == platform::kNoDeadline);
 
-// Starts a detached thread running `entry(arg)`. The thread inherits the
-// platform threads' mask (platform/threads), set here around its creation so
-// that it can never be chosen to receive a process-directed signal. Returns
-// false when the thread could not be started.
-bool startThread(void* (*entry)(void*), void* arg);
+// Starts a detached platform thread (platform/posix/thread.h) running `body`.
+// Returns false when the thread could not be started.
+[[nodiscard]] bool startDetachedThread(const char* name, std::function<void()> body);
 
 }  // namespace dispatch::internal

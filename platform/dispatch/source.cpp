@@ -103,7 +103,7 @@ class EventLoop {
                 return static_cast<EventLoop*>(nullptr);
             }
             auto* loop = new EventLoop(epollFd);
-            if (!dispatch::internal::startThread(&EventLoop::threadMain, loop)) {
+            if (!dispatch::internal::startDetachedThread("kel-events", [loop] { loop->run(); })) {
                 delete loop;
                 return static_cast<EventLoop*>(nullptr);
             }
@@ -155,11 +155,6 @@ class EventLoop {
         event.events = EPOLLIN | EPOLLONESHOT;
         event.data.u64 = source->id_;
         return event;
-    }
-
-    static void* threadMain(void* arg) {
-        static_cast<EventLoop*>(arg)->run();
-        return nullptr;
     }
 
     void run() {

@@ -9,16 +9,18 @@
 
 #include <atomic>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <system_error>
+#include <optional>
 #include <thread>
 #include <unordered_set>
 
 #include "platform/helperserver/runtime_paths.h"
-#include "platform/logging/log.h"
-#include "platform/threads/signal_mask.h"
+#include "platform/logserver/log.h"
+#include "platform/posix/eintr.h"
+#include "platform/posix/thread.h"
+#include "platform/posix/unique_fd.h"
+#include "platform/strings/format.h"
 
 namespace kel {
 
@@ -26,29 +28,7 @@ namespace {
 
 constexpr const char* kLoggerName = "HelperServer";
 
-class UniqueFd {
-  public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept {
-        reset(std::exchange(other.fd_, -1));
-        return *this;
-    }
-    ~UniqueFd() { reset(); }
-
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-        fd_ = fd;
-    }
-
-  private:
-    int fd_ = -1;
-};
+using platform::UniqueFd;
 
 }  // namespace
 
@@ -77,16 +57,15 @@ struct HelperServer::Impl {
 };
 
 void HelperServer::Impl::report(lum::LogLevel level, const char* format, ...) {
-    char text[256];
     va_list args;
     va_start(args, format);
-    vsnprintf(text, sizeof text, format, args);
+    std::string text = platform::stringPrintfV(format, args);
     va_end(args);
     if (logServer) {
-        logServer->submit(level, kLoggerName, text);
+        logServer->submit(level, kLoggerName, std::move(text));
     } else {
         systemlog::write(systemlog::create(lum::kTelephonySubsystem, kLoggerName),
-                         systemlog::Level::kError, "%s", text);
+                         systemlog::Level::kError, "%s", text.c_str());
     }
 }
 
@@ -100,11 +79,9 @@ bool HelperServer::Impl::watch(int fd, uint32_t events) const {
 void HelperServer::Impl::run() {
     epoll_event events[16];
     for (;;) {
-        const int ready = epoll_wait(epollFd.get(), events, 16, -1);
+        const int ready =
+            platform::retryOnEintr([&] { return epoll_wait(epollFd.get(), events, 16, -1); });
         if (ready < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
             report(lum::LogLevel::kError, "epoll_wait: %s", strerror(errno));
             break;
         }
@@ -135,12 +112,14 @@ void HelperServer::Impl::run() {
 
 void HelperServer::Impl::acceptClients() {
     for (;;) {
-        const int fd = accept4(listenFd.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        const int fd = platform::retryOnEintr([&] {
+            return accept4(listenFd.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        });
         if (fd < 0) {
             // EAGAIN: the backlog is empty. ECONNABORTED concerns one client
             // only; the listening socket stays usable.
             const int error = errno;
-            if (error == EINTR || error == ECONNABORTED) {
+            if (error == ECONNABORTED) {
                 continue;
             }
             if (error != EAGAIN) {
@@ -161,14 +140,10 @@ void HelperServer::Impl::acceptClients() {
 bool HelperServer::Impl::drainClient(int fd) const {
     char buffer[512];
     for (;;) {
-        const ssize_t got = read(fd, buffer, sizeof buffer);
-        if (got > 0) {
-            continue;
+        const ssize_t got = platform::retryOnEintr([&] { return read(fd, buffer, sizeof buffer); });
+        if (got <= 0) {
+            return got < 0 && errno == EAGAIN;
         }
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        return got < 0 && errno == EAGAIN;
     }
 }
 
@@ -228,13 +203,12 @@ void HelperServer::start() {
         return;
     }
     impl_->started = true;
-    // The thread inherits the blocked mask, so process-directed signals never
-    // land on it (the daemon reads them through signalfd).
-    const platform::ScopedThreadSignalMask mask;
-    try {
-        impl_->thread = std::thread([impl = impl_.get()] { impl->run(); });
-    } catch (const std::system_error& error) {
-        impl_->report(lum::LogLevel::kError, "cannot start the server thread: %s", error.what());
+    std::optional<std::thread> thread =
+        platform::startThread("kel-helper", [impl = impl_.get()] { impl->run(); });
+    if (thread) {
+        impl_->thread = std::move(*thread);
+    } else {
+        impl_->report(lum::LogLevel::kError, "cannot start the server thread");
     }
 }
 
@@ -245,9 +219,7 @@ void HelperServer::stop() {
     }
     impl_->stopped = true;
     if (impl_->thread.joinable()) {
-        const uint64_t one = 1;
-        while (write(impl_->stopFd.get(), &one, sizeof one) < 0 && errno == EINTR) {
-        }
+        eventfd_write(impl_->stopFd.get(), 1);
         impl_->thread.join();
     }
     impl_->listenFd.reset();

@@ -5,10 +5,11 @@
 // machine hosts it at a time: hosting is guarded by an exclusive lock on a
 // lock file that the hosting process keeps until it exits.
 //
-// Paths (socket, lock, trace folders) have build-time defaults that work for
-// root and for an ordinary user. The environment variable
-// KEL_HELPER_RUNTIME_DIR, when set, moves all of them under that folder so that
-// several instances can run side by side (tests do this).
+// The socket and lock paths have build-time defaults that work for root and
+// for an ordinary user. The environment variable KEL_HELPER_RUNTIME_DIR, when
+// set, moves both under that folder so that several instances can run side by
+// side (tests do this). The trace folders that go with the server are in
+// platform/trace.
 #pragma once
 
 #include <memory>
@@ -53,16 +54,4 @@ class HelperServer {
     std::unique_ptr<Impl> impl_;
 };
 
-namespace trace {
-
-// Folder for transient trace output, with a trailing '/'.
-extern const char* const kScratchFolder;
-
-// Folder for stack reports and other snapshots, with a trailing '/'.
-extern const char* const kSnapshotFolder;
-
-// Whether tracing is allowed on this machine.
-bool isAllowed();
-
-}  // namespace trace
 }  // namespace kel

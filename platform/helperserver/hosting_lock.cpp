@@ -1,4 +1,3 @@
-#include <errno.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -7,6 +6,8 @@
 
 #include "platform/helperserver/helper_server.h"
 #include "platform/helperserver/runtime_paths.h"
+#include "platform/posix/eintr.h"
+#include "platform/posix/unique_fd.h"
 
 namespace {
 
@@ -26,18 +27,12 @@ extern "C" int sCanHostHelperServer() {
     if (!kel::runtime_paths::ensureRuntimeDir()) {
         return 0;
     }
-    const int fd = open(kel::runtime_paths::lockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0) {
+    platform::UniqueFd fd(
+        open(kel::runtime_paths::lockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!fd.valid() ||
+        platform::retryOnEintr([&] { return flock(fd.get(), LOCK_EX | LOCK_NB); }) != 0) {
         return 0;
     }
-    int locked;
-    do {
-        locked = flock(fd, LOCK_EX | LOCK_NB);
-    } while (locked != 0 && errno == EINTR);
-    if (locked != 0) {
-        close(fd);
-        return 0;
-    }
-    sHostingLockFd = fd;
+    sHostingLockFd = fd.release();
     return 1;
 }

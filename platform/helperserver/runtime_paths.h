@@ -7,11 +7,11 @@
 
 namespace kel::runtime_paths {
 
-std::string socketPath();
-std::string lockPath();
+[[nodiscard]] std::string socketPath();
+[[nodiscard]] std::string lockPath();
 
-// Creates KEL_HELPER_RUNTIME_DIR (one level) when it is set and missing.
+// Creates KEL_HELPER_RUNTIME_DIR and its parents when it is set and missing.
 // Returns false when the folder is not there and cannot be made.
-bool ensureRuntimeDir();
+[[nodiscard]] bool ensureRuntimeDir();
 
 }  // namespace kel::runtime_paths

@@ -1,16 +1,15 @@
 #include "platform/systemlog/system_log.h"
 
-#include <errno.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdarg>
-#include <cstdio>
-#include <cstring>
-#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+
+#include "platform/posix/file_util.h"
+#include "platform/strings/format.h"
 
 namespace systemlog {
 
@@ -25,9 +24,6 @@ struct HandleData {
 };
 
 namespace {
-
-// Messages up to this size are formatted without touching the heap.
-constexpr size_t kStackBufferSize = 1024;
 
 std::atomic<bool> sEnabled[2] = {true, true};
 std::atomic<int> sFd{STDERR_FILENO};
@@ -51,19 +47,10 @@ int indexOf(Level level) {
     return level == Level::kError ? 1 : 0;
 }
 
-void writeAll(int fd, const char* data, size_t size) {
+void writeLine(int fd, const std::string& line) {
     std::lock_guard lock(sWriteMutex);
-    while (size > 0) {
-        ssize_t written = ::write(fd, data, size);
-        if (written < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return;  // nowhere left to report the failure
-        }
-        data += written;
-        size -= static_cast<size_t>(written);
-    }
+    // A failure has nowhere left to be reported.
+    (void)platform::writeAll(fd, line.data(), line.size());
 }
 
 }  // namespace
@@ -94,54 +81,27 @@ void write(Handle handle, Level level, const char* format, ...) {
     if (!isEnabled(handle, level)) {
         return;
     }
-    char text[kStackBufferSize];
-    std::unique_ptr<char[]> longText;
-    const char* message = text;
     va_list args;
     va_start(args, format);
-    va_list retry;
-    va_copy(retry, args);
-    int length = vsnprintf(text, sizeof text, format, args);
+    const std::string message = platform::stringPrintfV(format, args);
     va_end(args);
-    if (length < 0) {
-        length = 0;
-        text[0] = '\0';
-    } else if (static_cast<size_t>(length) >= sizeof text) {
-        longText = std::make_unique<char[]>(static_cast<size_t>(length) + 1);
-        vsnprintf(longText.get(), static_cast<size_t>(length) + 1, format, retry);
-        message = longText.get();
-    }
-    va_end(retry);
 
     // A message may end its own line; every other line feed is escaped.
+    size_t length = message.size();
     if (length > 0 && message[length - 1] == '\n') {
         --length;
     }
-    size_t lineFeeds = 0;
-    for (int i = 0; i < length; ++i) {
-        lineFeeds += message[i] == '\n';
-    }
-    const char* prefix = level == Level::kError ? "<3>" : "<5>";
-    const size_t lineSize = 3 + static_cast<size_t>(length) + lineFeeds + 1;
-    char lineBuffer[kStackBufferSize + 8];
-    std::unique_ptr<char[]> longLine;
-    char* line = lineBuffer;
-    if (lineSize > sizeof lineBuffer) {
-        longLine = std::make_unique<char[]>(lineSize);
-        line = longLine.get();
-    }
-    memcpy(line, prefix, 3);
-    char* out = line + 3;
-    for (int i = 0; i < length; ++i) {
+    std::string line = level == Level::kError ? "<3>" : "<5>";
+    line.reserve(line.size() + length + 1);
+    for (size_t i = 0; i < length; ++i) {
         if (message[i] == '\n') {
-            *out++ = '\\';
-            *out++ = 'n';
+            line += "\\n";
         } else {
-            *out++ = message[i];
+            line += message[i];
         }
     }
-    *out++ = '\n';
-    writeAll(sFd.load(std::memory_order_relaxed), line, lineSize);
+    line += '\n';
+    writeLine(sFd.load(std::memory_order_relaxed), line);
 }
 
 int redirectForTesting(int fd) {

@@ -21,10 +21,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/helperserver/helper_server.h"
+#include "platform/posix/futex.h"
+#include "platform/posix/signal_mask.h"
 #include "platform/systemlog/system_log.h"
-#include "platform/threads/futex.h"
-#include "platform/threads/signal_mask.h"
+#include "platform/trace/trace.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 
 #include "daemon/watches.h"
 #include "platform/runloop/run_loop.h"
-#include "tests/daemon/recording.h"
 #include "tests/doubles/fake_helper_server.h"
+#include "tests/support/log_recording.h"
 
 namespace kel::testing {
 namespace {
@@ -32,14 +32,13 @@ class IdleWatchTest : public ::testing::Test {
         setHelperServerBusy(false);
     }
     void TearDown() override {
-        if (timer_ != nullptr) {
-            dispatch_source_cancel(timer_);
-            dispatch_release(timer_);
+        if (timer_) {
+            dispatch_source_cancel(timer_.get());
         }
     }
 
     std::shared_ptr<HelperServer> server_ = HelperServer::create(nullptr);
-    dispatch_source_t timer_ = nullptr;
+    dispatch::Owned<dispatch_source_t> timer_;
 };
 
 TEST_F(IdleWatchTest, EveryBusyCheckIsReportedAndTheIdleOneIsTheLast) {
@@ -47,7 +46,7 @@ TEST_F(IdleWatchTest, EveryBusyCheckIsReportedAndTheIdleOneIsTheLast) {
     setHelperServerBusy(true);
     const int queriesBefore = helperServerBusyQueries();
     timer_ = installIdleWatch(server_, logServer.server, kFast);
-    ASSERT_NE(timer_, nullptr);
+    ASSERT_TRUE(timer_);
 
     // Let a few busy checks happen, then go idle.
     while (helperServerBusyQueries() - queriesBefore < 3) {
@@ -64,7 +63,7 @@ TEST_F(IdleWatchTest, EveryBusyCheckIsReportedAndTheIdleOneIsTheLast) {
         EXPECT_EQ(texts[i], "Server is busy") << i;
     }
     // The idle check cancelled the timer: no query after it.
-    EXPECT_TRUE(dispatch_source_testcancel(timer_));
+    EXPECT_TRUE(dispatch_source_testcancel(timer_.get()));
     const int queries = helperServerBusyQueries() - queriesBefore;
     EXPECT_EQ(static_cast<size_t>(queries), texts.size());
     runloop::runInDefaultMode(0.02, false);
@@ -74,7 +73,7 @@ TEST_F(IdleWatchTest, EveryBusyCheckIsReportedAndTheIdleOneIsTheLast) {
 TEST_F(IdleWatchTest, WithoutALogServerTheWatchStillEndsTheLoop) {
     CapturedSystemLog systemLog;
     timer_ = installIdleWatch(server_, nullptr, kFast);
-    ASSERT_NE(timer_, nullptr);
+    ASSERT_TRUE(timer_);
     ASSERT_TRUE(runUntilExitRequested(5));
     EXPECT_THAT(systemLog.lines(), IsEmpty());
 }
@@ -83,7 +82,7 @@ TEST_F(IdleWatchTest, TheFirstCheckComesAfterTheFirstFiringDelay) {
     RecordedLogServer logServer;
     const int queriesBefore = helperServerBusyQueries();
     timer_ = installIdleWatch(server_, logServer.server, {200'000'000, 2'000'000, 0});
-    ASSERT_NE(timer_, nullptr);
+    ASSERT_TRUE(timer_);
     // A slice much shorter than the first firing: nothing may happen yet.
     EXPECT_EQ(runloop::runInDefaultMode(0.05, true), runloop::RunResult::kTimedOut);
     EXPECT_EQ(helperServerBusyQueries(), queriesBefore);

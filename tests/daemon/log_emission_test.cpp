@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/daemon/recording.h"
+#include "tests/support/log_recording.h"
 
 namespace kel::testing {
 namespace {
@@ -63,28 +63,6 @@ INSTANTIATE_TEST_SUITE_P(
                       EmissionCase{"LevelFortyFiltered", true, lum::LogLevel::kNotice, true, false},
                       EmissionCase{"LevelFortyJustKept", true, lum::LogLevel::kInfo, true, true}),
     [](const auto& info) { return std::string(info.param.name); });
-
-TEST(GlobalLoggingTest, ContextIsTheGlobalCategoryAndStaysTheSame) {
-    lum::OsLogContext& context = globalLogContext();
-    EXPECT_EQ(&context, &globalLogContext());
-    ASSERT_NE(context.handle(), nullptr);
-    EXPECT_STREQ(systemlog::categoryOf(context.handle()), "global");
-}
-
-TEST(GlobalLoggingTest, OnlyTheFirstLogServerIsEverBound) {
-    RecordedLogServer first;
-    RecordedLogServer second;
-    lum::StaticLogger& logger = globalLogger(first.server);
-    EXPECT_EQ(&logger, &globalLogger(second.server));
-    EXPECT_EQ(logger.sink(), first.server);
-    EXPECT_EQ(logger.handle(), globalLogContext().handle());
-
-    logger.forceLog(lum::LogLevel::kError, lum::LogMessageBuffer::createWithFormat("disk %d", 3));
-    first.flush();
-    second.flush();
-    EXPECT_THAT(first.writer->texts(), ElementsAre("disk 3"));
-    EXPECT_THAT(second.writer->texts(), IsEmpty());
-}
 
 }  // namespace
 }  // namespace kel::testing

@@ -8,7 +8,7 @@
 
 #include "daemon/watches.h"
 #include "platform/runloop/run_loop.h"
-#include "tests/daemon/recording.h"
+#include "tests/support/log_recording.h"
 
 namespace kel::testing {
 namespace {
@@ -18,8 +18,8 @@ using ::testing::ElementsAre;
 TEST(TerminationWatchTest, ReportsOnceAndEndsTheLoopInTheSameTurn) {
     RecordedLogServer logServer;
     sShouldExit = 0;
-    dispatch_source_t source = installTerminationWatch(logServer.server);
-    ASSERT_NE(source, nullptr);
+    const auto source = installTerminationWatch(logServer.server);
+    ASSERT_TRUE(source);
 
     struct sigaction action {};
     sigaction(SIGTERM, nullptr, &action);
@@ -30,7 +30,7 @@ TEST(TerminationWatchTest, ReportsOnceAndEndsTheLoopInTheSameTurn) {
         runloop::runInDefaultMode(2.0, true);
     }
     ASSERT_EQ(sShouldExit, 1);
-    EXPECT_TRUE(dispatch_source_testcancel(source));
+    EXPECT_TRUE(dispatch_source_testcancel(source.get()));
 
     // The source is cancelled and the disposition is ignore: later signals
     // change nothing.
@@ -38,7 +38,6 @@ TEST(TerminationWatchTest, ReportsOnceAndEndsTheLoopInTheSameTurn) {
     runloop::runInDefaultMode(0.05, false);
     logServer.flush();
     EXPECT_THAT(logServer.writer->texts(), ElementsAre("Signal received"));
-    dispatch_release(source);
 }
 
 }  // namespace

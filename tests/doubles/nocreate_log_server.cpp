@@ -1,5 +1,5 @@
 // LogServer::create as if the server could never be made.
-#include "platform/logging/log.h"
+#include "platform/logserver/log.h"
 
 namespace lum {
 

@@ -1,7 +1,5 @@
 #include "fs/paths.h"
 
-#include <dirent.h>
-#include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,67 +13,8 @@
 #include <gtest/gtest.h>
 
 #include "fs/watchdog_guard.h"
-#include "platform/watchdog/watchdog.h"
+#include "tests/support/call_recorder.h"
 #include "tests/support/temp_dir.h"
-
-// The executable's definitions of the watchdog service and of the libc calls
-// that the path operations make take precedence over the library ones, so
-// each thread can log which calls ran under a guard: "[" arms a guard, "]"
-// disarms the innermost armed one, "]!" is any other disarm.
-namespace {
-
-thread_local bool sRecording = false;
-thread_local std::string sLog;
-thread_local std::vector<uint64_t> sArmed;
-thread_local uint64_t sNextHandle = 1;
-
-void record(const std::string& event) {
-    if (sRecording) {
-        sLog += (sLog.empty() ? "" : " ") + event;
-    }
-}
-
-// Records the call, then hands it to the next definition in the lookup order
-// (libc's, or a sanitizer's).
-template <auto& Function, typename... Args>
-auto callNext(const char* name, Args... args) {
-    static const auto sNext = reinterpret_cast<decltype(&Function)>(dlsym(RTLD_NEXT, name));
-    record(name);
-    return sNext(args...);
-}
-
-}  // namespace
-
-extern "C" int TelephonyBasebandWatchdogStartWithStackshot(uint64_t* handle, int32_t, const char*) {
-    sArmed.push_back(*handle = sNextHandle++);
-    record("[");
-    return 0;
-}
-
-extern "C" int TelephonyBasebandWatchdogStop(uint64_t* handle) {
-    const bool innermost = !sArmed.empty() && sArmed.back() == *handle;
-    if (innermost) {
-        sArmed.pop_back();
-    }
-    record(innermost ? "]" : "]!");
-    return innermost ? 0 : -1;
-}
-
-extern "C" int stat(const char* path, struct stat* status) noexcept {
-    return callNext<stat>("stat", path, status);
-}
-extern "C" int mkdir(const char* path, mode_t mode) noexcept {
-    return callNext<mkdir>("mkdir", path, mode);
-}
-extern "C" DIR* opendir(const char* path) {
-    return callNext<opendir>("opendir", path);
-}
-extern "C" dirent* readdir(DIR* directory) {
-    return callNext<readdir>("readdir", directory);
-}
-extern "C" int closedir(DIR* directory) {
-    return callNext<closedir>("closedir", directory);
-}
 
 namespace {
 
@@ -206,11 +145,9 @@ TEST_F(PathsTest, EachFileSystemStepRunsUnderItsOwnGuard) {
          "[ [ ] ]"},
     };
     for (const auto& c : kCases) {
-        sLog.clear();
-        sRecording = true;
+        kel::testing::CallRecorder recorder;
         c.first();
-        sRecording = false;
-        EXPECT_EQ(sLog, c.second) << "case " << &c - kCases;
+        EXPECT_EQ(recorder.log(), c.second) << "case " << &c - kCases;
     }
 }
 

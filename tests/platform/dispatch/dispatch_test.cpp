@@ -1,5 +1,5 @@
 #include "platform/dispatch/dispatch.h"
-#include "platform/threads/signal_mask.h"
+#include "platform/posix/signal_mask.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>

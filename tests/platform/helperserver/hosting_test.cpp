@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/helperserver/helper_server.h"
+#include "platform/trace/trace.h"
 #include "tests/support/temp_dir.h"
 
 namespace {

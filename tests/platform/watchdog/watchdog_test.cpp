@@ -14,8 +14,8 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/helperserver/helper_server.h"
 #include "platform/systemlog/system_log.h"
+#include "platform/trace/trace.h"
 #include "tests/support/temp_dir.h"
 
 constexpr char kHungReason[] = "watchdog test: step hung";

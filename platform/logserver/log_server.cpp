@@ -1,10 +1,10 @@
 #include <time.h>
 
-#include <system_error>
+#include <optional>
 
-#include "platform/logging/log.h"
-#include "platform/logging/log_server_state.h"
-#include "platform/threads/signal_mask.h"
+#include "platform/logserver/log.h"
+#include "platform/logserver/log_server_state.h"
+#include "platform/posix/thread.h"
 
 namespace lum {
 
@@ -40,14 +40,11 @@ bool LogServer::State::enqueue(Item item) {
 }
 
 bool LogServer::State::startThread() {
-    // The thread inherits the blocked mask, so process-directed signals never
-    // land on it (the daemon reads them through signalfd).
-    const platform::ScopedThreadSignalMask mask;
-    try {
-        thread = std::thread([this] { run(); });
-    } catch (const std::system_error&) {
+    std::optional<std::thread> started = platform::startThread("kel-logserver", [this] { run(); });
+    if (!started) {
         return false;
     }
+    thread = std::move(*started);
     return true;
 }
 

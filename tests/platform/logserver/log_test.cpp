@@ -1,4 +1,4 @@
-#include "platform/logging/log.h"
+#include "platform/logserver/log.h"
 
 #include <pthread.h>
 #include <signal.h>

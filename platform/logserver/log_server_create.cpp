@@ -1,5 +1,5 @@
-#include "platform/logging/log.h"
-#include "platform/logging/log_server_state.h"
+#include "platform/logserver/log.h"
+#include "platform/logserver/log_server_state.h"
 
 namespace lum {
 

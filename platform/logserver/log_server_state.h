@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "platform/dispatch/dispatch.h"
-#include "platform/logging/log.h"
+#include "platform/logserver/log.h"
 
 namespace lum {
 

@@ -1,8 +1,9 @@
-#include "platform/logging/log.h"
+#include "platform/logserver/log.h"
 
 #include <cstdarg>
-#include <cstdio>
 #include <ostream>
+
+#include "platform/strings/format.h"
 
 namespace lum {
 
@@ -72,21 +73,8 @@ LogLevel minimumLevel() {
 LogMessageBuffer LogMessageBuffer::createWithFormat(const char* format, ...) {
     va_list args;
     va_start(args, format);
-    va_list retry;
-    va_copy(retry, args);
-    char stackBuffer[256];
-    const int length = vsnprintf(stackBuffer, sizeof stackBuffer, format, args);
+    std::string text = platform::stringPrintfV(format, args);
     va_end(args);
-    std::string text;
-    if (length > 0 && static_cast<size_t>(length) < sizeof stackBuffer) {
-        text.assign(stackBuffer, static_cast<size_t>(length));
-    } else if (length > 0) {
-        // Formatting into the string's own buffer: it holds length + 1 bytes,
-        // the terminator included.
-        text.resize(static_cast<size_t>(length));
-        vsnprintf(text.data(), text.size() + 1, format, retry);
-    }
-    va_end(retry);
     return LogMessageBuffer(std::move(text));
 }
 

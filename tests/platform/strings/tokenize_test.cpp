@@ -1,4 +1,4 @@
-#include "platform/telephony/tokenize.h"
+#include "platform/strings/tokenize.h"
 
 #include <tuple>
 

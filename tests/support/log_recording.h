@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/logging/log.h"
+#include "platform/logserver/log.h"
 #include "platform/systemlog/system_log.h"
 #include "tests/support/temp_dir.h"
 
