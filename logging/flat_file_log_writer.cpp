@@ -62,7 +62,7 @@ void FlatFileLogWriter::writeMessage(const lum::LogMessage& message) {
     execute_sync([&] { writeLine(message); });
 }
 
-bool FlatFileLogWriter::fileStreamFailed() const {
+bool FlatFileLogWriter::fileStreamFailedForTesting() const {
     bool failed = false;
     execute_sync([&] { failed = fileStream_.fail(); });
     return failed;

@@ -61,7 +61,7 @@ class FlatFileLogWriter : public lum::LogWriter,
 
     // Whether the file stream is in its failed state (failbit or badbit). For
     // tests, which cannot see a failure otherwise.
-    bool fileStreamFailed() const;
+    bool fileStreamFailedForTesting() const;
 
   private:
     void writeLine(const lum::LogMessage& message);

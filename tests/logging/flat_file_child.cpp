@@ -67,10 +67,10 @@ int mounts(const char* dir, const char* writablePath) {
         FlatFileLogWriter::make_shared_ptr(new FlatFileLogWriter(dir + std::string("/log")));
     writer->open("");
     int index = 0;
-    for (; index < 100 && !writer->fileStreamFailed(); ++index) {
+    for (; index < 100 && !writer->fileStreamFailedForTesting(); ++index) {
         writer->writeMessage(record(index, std::string(1000, 'x')));
     }
-    if (index < 2 || !writer->fileStreamFailed()) {
+    if (index < 2 || !writer->fileStreamFailedForTesting()) {
         return fail("the 64 KiB tmpfs took no record or all 100 KB");
     }
     writer->close();
@@ -80,13 +80,13 @@ int mounts(const char* dir, const char* writablePath) {
     }
     writer->writeMessage(record(1, "lost"));
     writer->open("");
-    if (!writer->fileStreamFailed()) {
+    if (!writer->fileStreamFailedForTesting()) {
         return fail("open on a read-only file system succeeded");
     }
     writer->writeMessage(record(2, "kept"));
     writer->open(writablePath);
     writer->close();
-    return writer->fileStreamFailed() ? fail("open or close of the writable file failed") : 0;
+    return writer->fileStreamFailedForTesting() ? fail("open or close of the writable file failed") : 0;
 }
 
 }  // namespace

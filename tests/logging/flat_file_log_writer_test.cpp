@@ -70,11 +70,11 @@ TEST_F(FlatFileLogWriterTest, WritesOneLinePerRecordPendingOnesFirst) {
         expected += c.expected;
     }
     writer->close();  // with no file open: fails the stream, keeps the records
-    EXPECT_TRUE(writer->fileStreamFailed());
+    EXPECT_TRUE(writer->fileStreamFailedForTesting());
     EXPECT_NE(access(path.c_str(), F_OK), 0);
     std::ofstream(path) << std::string(10000, 'o');
     writer->open("");
-    EXPECT_FALSE(writer->fileStreamFailed());
+    EXPECT_FALSE(writer->fileStreamFailedForTesting());
     for (const auto& c : cases) {
         writer->writeMessage(c.message);
         expected += c.expected;
@@ -137,12 +137,12 @@ TEST_F(FlatFileLogWriterTest, FailuresFailTheStreamUntilTheNextOpen) {
         }
         writer->writeMessage(record("b"));
         writer->close();
-        EXPECT_TRUE(writer->fileStreamFailed());
+        EXPECT_TRUE(writer->fileStreamFailedForTesting());
         writer->writeMessage(record("c"));
         // The failed second open still replaced the path for good.
         writer->open(c.openTwice ? "" : dir_.file("log"));
         writer->close();
-        EXPECT_FALSE(writer->fileStreamFailed());
+        EXPECT_FALSE(writer->fileStreamFailedForTesting());
         EXPECT_EQ(readFile(dir_.file(c.openTwice ? "second" : "log")), c.reachesNextFile);
     }
     EXPECT_EQ(readFile(dir_.file("first")), line("a"));
