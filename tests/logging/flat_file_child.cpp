@@ -86,7 +86,8 @@ int mounts(const char* dir, const char* writablePath) {
     writer->writeMessage(record(2, "kept"));
     writer->open(writablePath);
     writer->close();
-    return writer->fileStreamFailedForTesting() ? fail("open or close of the writable file failed") : 0;
+    return writer->fileStreamFailedForTesting() ? fail("open or close of the writable file failed")
+                                                : 0;
 }
 
 }  // namespace
