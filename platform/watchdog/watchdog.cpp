@@ -1,30 +1,18 @@
 #include "platform/watchdog/watchdog.h"
 
-#include <cxxabi.h>
-#include <dlfcn.h>
-#include <errno.h>
-#include <execinfo.h>
-#include <fcntl.h>
 #include <pthread.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <climits>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <vector>
+#include <optional>
+#include <thread>
 
 #include "platform/posix/futex.h"
-#include "platform/posix/signal_mask.h"
-#include "platform/systemlog/system_log.h"
-#include "platform/trace/trace.h"
+#include "platform/posix/thread.h"
+#include "platform/watchdog/stack_report.h"
 
 namespace {
 
@@ -83,9 +71,6 @@ constexpr int64_t kCoarseLagNs = 10 * kNsPerMs;
 // woken by almost every arm of a stream of short guards.
 constexpr int64_t kIdleRescanNs = 1000 * kNsPerMs;
 
-// How long a hung thread has to answer the stack-report signal.
-constexpr int64_t kCaptureTimeoutNs = 500 * kNsPerMs;
-
 // When the monitor scans next; kNever while it scans or sleeps without a
 // deadline. An arm whose deadline is earlier wakes it.
 std::atomic<int64_t> sMonitorWakeAt{kNever};
@@ -114,238 +99,25 @@ void wakeMonitor() {
     platform::futexWake(sWakeSequence, INT_MAX);
 }
 
-// --- Capturing a thread's stack ---------------------------------------------
-
-constexpr int kMaxFrames = 64;
-constexpr pid_t kCapturing = -1;
-
-// One capture at a time: only the monitor asks for stacks. `target` is the
-// thread asked to fill in `frames`, kCapturing while it does, 0 otherwise. The
-// handler itself sets it back to 0 when it has finished, so a capture that the
-// monitor gave up on keeps the buffer to itself until it is over.
-struct Capture {
-    std::atomic<pid_t> target{0};
-    std::atomic<uint32_t> done{0};
-    void* frames[kMaxFrames];
-    int depth = 0;
-};
-Capture sCapture;
-
-void onStackReportSignal(int, siginfo_t*, void*) {
-    const int savedErrno = errno;
-    pid_t expected = static_cast<pid_t>(syscall(SYS_gettid));
-    if (sCapture.target.compare_exchange_strong(expected, kCapturing)) {
-        sCapture.depth = backtrace(sCapture.frames, kMaxFrames);
-        sCapture.done.store(1, std::memory_order_release);
-        sCapture.target.store(0);
-        platform::futexWake(sCapture.done, INT_MAX);
-    }
-    errno = savedErrno;
-}
-
-// Asks `tid` for its stack and waits a bounded time; returns the number of
-// frames in sCapture.frames, 0 when the thread did not answer in time (or an
-// earlier capture that was given up on is still running).
-int captureStack(pid_t tid) {
-    if (sCapture.target.load() != 0) {
-        return 0;
-    }
-    sCapture.done.store(0, std::memory_order_relaxed);
-    sCapture.target.store(tid);
-    if (tgkill(getpid(), tid, platform::stackReportSignal()) != 0) {
-        sCapture.target.store(0);
-        return 0;
-    }
-    // First the thread has to take the signal; once its handler runs, the
-    // unwinding gets as long again before the report goes out without it.
-    int64_t giveUpAt = nowNs(CLOCK_MONOTONIC) + kCaptureTimeoutNs;
-    bool started = false;
-    while (sCapture.done.load(std::memory_order_acquire) == 0) {
-        const int64_t remaining = giveUpAt - nowNs(CLOCK_MONOTONIC);
-        if (remaining <= 0) {
-            pid_t expected = tid;
-            if (started || sCapture.target.compare_exchange_strong(expected, 0)) {
-                return 0;
-            }
-            started = true;
-            giveUpAt = nowNs(CLOCK_MONOTONIC) + kCaptureTimeoutNs;
-            continue;
-        }
-        platform::futexWait(sCapture.done, 0, static_cast<uint64_t>(giveUpAt));
-    }
-    return sCapture.depth;
-}
-
-void installSignalHandler() {
-    struct sigaction action {};
-    action.sa_sigaction = onStackReportSignal;
-    action.sa_flags = SA_SIGINFO | SA_RESTART;
-    sigemptyset(&action.sa_mask);
-    sigaction(platform::stackReportSignal(), &action, nullptr);
-}
-
-// --- Writing a report ---------------------------------------------------------
-
-std::string readProcFile(pid_t tid, const char* leaf) {
-    char path[64];
-    snprintf(path, sizeof path, "/proc/self/task/%d/%s", static_cast<int>(tid), leaf);
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return "?";
-    }
-    char buffer[1024];
-    const ssize_t length = read(fd, buffer, sizeof buffer);
-    close(fd);
-    if (length <= 0) {
-        return "?";
-    }
-    std::string text(buffer, static_cast<size_t>(length));
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\0')) {
-        text.pop_back();
-    }
-    return text;
-}
-
-// The one-letter scheduler state from /proc/.../stat; the thread name before
-// it is in parentheses and may itself contain ')' or spaces.
-std::string schedulerState(pid_t tid) {
-    const std::string stat = readProcFile(tid, "stat");
-    const size_t close = stat.rfind(')');
-    return close != std::string::npos && close + 2 < stat.size() ? stat.substr(close + 2, 1) : "?";
-}
-
-std::string describeFrame(void* address) {
-    char line[1024];
-    Dl_info info{};
-    if (dladdr(address, &info) == 0) {
-        snprintf(line, sizeof line, "%p ??", address);
-        return line;
-    }
-    const char* object = info.dli_fname != nullptr ? info.dli_fname : "??";
-    if (info.dli_sname == nullptr) {
-        snprintf(
-            line, sizeof line, "%p (%s+%#zx)", address, object,
-            static_cast<size_t>(static_cast<char*>(address) - static_cast<char*>(info.dli_fbase)));
-        return line;
-    }
-    int status = 0;
-    char* demangled = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
-    snprintf(line, sizeof line, "%p %s+%#zx (%s)", address,
-             status == 0 && demangled != nullptr ? demangled : info.dli_sname,
-             static_cast<size_t>(static_cast<char*>(address) - static_cast<char*>(info.dli_saddr)),
-             object);
-    free(demangled);
-    return line;
-}
-
-std::string wallClockNow() {
-    timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    tm utc;
-    gmtime_r(&ts.tv_sec, &utc);
-    char text[64];
-    const size_t length = strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
-    snprintf(text + length, sizeof text - length, ".%03ldZ", ts.tv_nsec / kNsPerMs);
-    return text;
-}
-
-// Creates `folder` and its missing parents with mode 0755.
-void makeFolder(const std::string& folder) {
-    for (size_t slash = folder.find('/', 1); slash != std::string::npos;
-         slash = folder.find('/', slash + 1)) {
-        mkdir(folder.substr(0, slash).c_str(), 0755);
-    }
-    mkdir(folder.c_str(), 0755);
-}
-
-// Writes `lines` to a new file in the snapshot folder; returns its path, or a
-// note saying why there is none.
-std::string writeSnapshotFile(pid_t tid, const std::vector<std::string>& lines) {
-    static unsigned sSequence = 0;
-    const std::string folder = kel::trace::kSnapshotFolder;
-    makeFolder(folder);
-    char name[96];
-    snprintf(name, sizeof name, "stackshot-%d-%d-%u.txt", static_cast<int>(getpid()),
-             static_cast<int>(tid), ++sSequence);
-    const std::string path = folder + name;
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        return "(not written: " + std::string(strerror(errno)) + ")";
-    }
-    std::string text;
-    for (const std::string& line : lines) {
-        text += line;
-        text += '\n';
-    }
-    int error = 0;
-    for (size_t written = 0; written < text.size();) {
-        const ssize_t n = write(fd, text.data() + written, text.size() - written);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            // A zero-length write sets no errno; call it what it is.
-            error = n < 0 ? errno : ENOSPC;
-            break;
-        }
-        written += static_cast<size_t>(n);
-    }
-    close(fd);
-    return error == 0 ? path : path + " (incomplete: " + strerror(error) + ")";
-}
-
-void report(pid_t tid, const char* reason, int32_t timeoutMs, int64_t deadlineNs) {
-    const int64_t armedAgoMs =
-        (nowNs(CLOCK_MONOTONIC_COARSE) - (deadlineNs - kCoarseLagNs)) / kNsPerMs + timeoutMs;
-    const int depth = captureStack(tid);
-
-    std::vector<std::string> lines;
-    lines.push_back(std::string("stack report: ") + reason);
-    lines.push_back("time: " + wallClockNow());
-    lines.push_back("process: " + std::to_string(getpid()));
-    lines.push_back("thread: " + std::to_string(tid) + " \"" + readProcFile(tid, "comm") + "\"");
-    lines.push_back("timeout: " + std::to_string(timeoutMs) + " ms, armed " +
-                    std::to_string(armedAgoMs) + " ms ago");
-    lines.push_back("state: " + schedulerState(tid) + ", wchan: " + readProcFile(tid, "wchan") +
-                    ", syscall: " + readProcFile(tid, "syscall"));
-    if (depth == 0) {
-        lines.push_back("backtrace: unavailable (the thread did not answer)");
-    } else {
-        lines.push_back("backtrace:");
-        // Frame 0 is the signal handler itself.
-        for (int i = 1; i < depth; ++i) {
-            lines.push_back("  #" + std::to_string(i - 1) + " " +
-                            describeFrame(sCapture.frames[i]));
-        }
-    }
-    const std::string file = writeSnapshotFile(tid, lines);
-
-    static const systemlog::Handle sLog = systemlog::create("kel.watchdog", "stack-report");
-    for (const std::string& line : lines) {
-        systemlog::write(sLog, systemlog::Level::kError, "%s", line.c_str());
-    }
-    systemlog::write(sLog, systemlog::Level::kError, "stack report file: %s", file.c_str());
-}
-
 // --- The monitor ------------------------------------------------------------
 
 void expire(Slot& slot, uint64_t armedWord) {
     const uint64_t generation = generationOf(armedWord);
-    report(slot.tid.load(std::memory_order_relaxed), slot.reason.load(std::memory_order_relaxed),
-           slot.timeoutMs.load(std::memory_order_relaxed),
-           slot.deadlineNs.load(std::memory_order_relaxed));
+    const int32_t timeoutMs = slot.timeoutMs.load(std::memory_order_relaxed);
+    const int64_t armedAgoMs = (nowNs(CLOCK_MONOTONIC_COARSE) -
+                                (slot.deadlineNs.load(std::memory_order_relaxed) - kCoarseLagNs)) /
+                                   kNsPerMs +
+                               timeoutMs;
+    watchdog::writeStackReport(slot.tid.load(std::memory_order_relaxed),
+                               slot.reason.load(std::memory_order_relaxed), timeoutMs, armedAgoMs);
     uint64_t expected = makeWord(generation, kExpired);
     if (!slot.word.compare_exchange_strong(expected, makeWord(generation, kReported))) {
         slot.word.store(makeWord(generation + 1, kFree), std::memory_order_release);
     }
 }
 
-void* monitorMain(void*) {
-    // backtrace() loads the unwinder on its first call, which is not safe in
-    // a signal handler: load it here, before any signal is sent.
-    void* warmUp[1];
-    backtrace(warmUp, 1);
-    installSignalHandler();
+void monitorMain() {
+    watchdog::prepareStackReports();
     timespec resolution{};
     clock_getres(CLOCK_MONOTONIC_COARSE, &resolution);
     const int64_t tickNs = resolution.tv_sec * 1'000'000'000 + resolution.tv_nsec;
@@ -401,7 +173,7 @@ void resetAfterFork() {
         const uint64_t word = slot.word.load(std::memory_order_relaxed);
         slot.word.store(makeWord(generationOf(word) + 1, kFree), std::memory_order_relaxed);
     }
-    sCapture.target.store(0);
+    watchdog::resetStackReportsAfterFork();
     sMonitorWakeAt.store(kNever);
     sMonitorStarted.store(false);
 }
@@ -410,15 +182,10 @@ void startMonitor() {
     if (!sForkHandlerInstalled.exchange(true)) {
         pthread_atfork(nullptr, nullptr, resetAfterFork);
     }
-    platform::ScopedThreadSignalMask mask;
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    pthread_t thread;
-    if (pthread_create(&thread, &attributes, monitorMain, nullptr) == 0) {
-        pthread_setname_np(thread, "kel-watchdog");
+    std::optional<std::thread> thread = platform::startThread("kel-watchdog", monitorMain);
+    if (thread) {
+        thread->detach();
     }
-    pthread_attr_destroy(&attributes);
 }
 
 }  // namespace

@@ -1,0 +1,247 @@
+#include "platform/watchdog/stack_report.h"
+
+#include <cxxabi.h>
+#include <dlfcn.h>
+#include <errno.h>
+#include <execinfo.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "platform/posix/file_util.h"
+#include "platform/posix/futex.h"
+#include "platform/posix/signal_mask.h"
+#include "platform/posix/unique_fd.h"
+#include "platform/strings/format.h"
+#include "platform/systemlog/system_log.h"
+#include "platform/trace/trace.h"
+
+namespace watchdog {
+
+namespace {
+
+constexpr int64_t kNsPerMs = 1'000'000;
+
+// How long a hung thread has to answer the stack-report signal.
+constexpr int64_t kCaptureTimeoutNs = 500 * kNsPerMs;
+
+int64_t monotonicNowNs() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1'000'000'000 + ts.tv_nsec;
+}
+
+// --- Capturing a thread's stack ---------------------------------------------
+
+constexpr int kMaxFrames = 64;
+constexpr pid_t kCapturing = -1;
+
+// One capture at a time: only the monitor asks for stacks. `target` is the
+// thread asked to fill in `frames`, kCapturing while it does, 0 otherwise. The
+// handler itself sets it back to 0 when it has finished, so a capture that the
+// monitor gave up on keeps the buffer to itself until it is over.
+struct Capture {
+    std::atomic<pid_t> target{0};
+    std::atomic<uint32_t> done{0};
+    void* frames[kMaxFrames];
+    int depth = 0;
+};
+Capture sCapture;
+
+void onStackReportSignal(int, siginfo_t*, void*) {
+    const int savedErrno = errno;
+    pid_t expected = static_cast<pid_t>(syscall(SYS_gettid));
+    if (sCapture.target.compare_exchange_strong(expected, kCapturing)) {
+        sCapture.depth = backtrace(sCapture.frames, kMaxFrames);
+        sCapture.done.store(1, std::memory_order_release);
+        sCapture.target.store(0);
+        platform::futexWake(sCapture.done, INT_MAX);
+    }
+    errno = savedErrno;
+}
+
+// Asks `tid` for its stack and waits a bounded time; returns the number of
+// frames in sCapture.frames, 0 when the thread did not answer in time (or an
+// earlier capture that was given up on is still running).
+int captureStack(pid_t tid) {
+    if (sCapture.target.load() != 0) {
+        return 0;
+    }
+    sCapture.done.store(0, std::memory_order_relaxed);
+    sCapture.target.store(tid);
+    if (tgkill(getpid(), tid, platform::stackReportSignal()) != 0) {
+        sCapture.target.store(0);
+        return 0;
+    }
+    // First the thread has to take the signal; once its handler runs, the
+    // unwinding gets as long again before the report goes out without it.
+    int64_t giveUpAt = monotonicNowNs() + kCaptureTimeoutNs;
+    bool started = false;
+    while (sCapture.done.load(std::memory_order_acquire) == 0) {
+        const int64_t remaining = giveUpAt - monotonicNowNs();
+        if (remaining <= 0) {
+            pid_t expected = tid;
+            if (started || sCapture.target.compare_exchange_strong(expected, 0)) {
+                return 0;
+            }
+            started = true;
+            giveUpAt = monotonicNowNs() + kCaptureTimeoutNs;
+            continue;
+        }
+        platform::futexWait(sCapture.done, 0, static_cast<uint64_t>(giveUpAt));
+    }
+    return sCapture.depth;
+}
+
+void installCaptureHandler() {
+    struct sigaction action {};
+    action.sa_sigaction = onStackReportSignal;
+    action.sa_flags = SA_SIGINFO | SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    sigaction(platform::stackReportSignal(), &action, nullptr);
+}
+
+// --- Writing a report ---------------------------------------------------------
+
+std::string readProcFile(pid_t tid, const char* leaf) {
+    const std::string path =
+        platform::stringPrintf("/proc/self/task/%d/%s", static_cast<int>(tid), leaf);
+    const platform::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) {
+        return "?";
+    }
+    char buffer[1024];
+    const ssize_t length = read(fd.get(), buffer, sizeof buffer);
+    if (length <= 0) {
+        return "?";
+    }
+    std::string text(buffer, static_cast<size_t>(length));
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\0')) {
+        text.pop_back();
+    }
+    return text;
+}
+
+// The one-letter scheduler state from /proc/.../stat; the thread name before
+// it is in parentheses and may itself contain ')' or spaces.
+std::string schedulerState(pid_t tid) {
+    const std::string stat = readProcFile(tid, "stat");
+    const size_t close = stat.rfind(')');
+    return close != std::string::npos && close + 2 < stat.size() ? stat.substr(close + 2, 1) : "?";
+}
+
+std::string describeFrame(void* address) {
+    char line[1024];
+    Dl_info info{};
+    if (dladdr(address, &info) == 0) {
+        snprintf(line, sizeof line, "%p ??", address);
+        return line;
+    }
+    const char* object = info.dli_fname != nullptr ? info.dli_fname : "??";
+    if (info.dli_sname == nullptr) {
+        snprintf(
+            line, sizeof line, "%p (%s+%#zx)", address, object,
+            static_cast<size_t>(static_cast<char*>(address) - static_cast<char*>(info.dli_fbase)));
+        return line;
+    }
+    int status = 0;
+    char* demangled = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
+    snprintf(line, sizeof line, "%p %s+%#zx (%s)", address,
+             status == 0 && demangled != nullptr ? demangled : info.dli_sname,
+             static_cast<size_t>(static_cast<char*>(address) - static_cast<char*>(info.dli_saddr)),
+             object);
+    free(demangled);
+    return line;
+}
+
+std::string wallClockNow() {
+    timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    tm utc;
+    gmtime_r(&ts.tv_sec, &utc);
+    char text[64];
+    const size_t length = strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
+    snprintf(text + length, sizeof text - length, ".%03ldZ", ts.tv_nsec / kNsPerMs);
+    return text;
+}
+
+// Writes `lines` to a new file in the snapshot folder; returns its path, or a
+// note saying why there is none.
+std::string writeSnapshotFile(pid_t tid, const std::vector<std::string>& lines) {
+    static unsigned sSequence = 0;
+    const std::string folder = kel::trace::kSnapshotFolder;
+    // A failure shows as the open's error below.
+    (void)platform::makeDirectories(folder, 0755);
+    const std::string path =
+        folder + platform::stringPrintf("stackshot-%d-%d-%u.txt", static_cast<int>(getpid()),
+                                        static_cast<int>(tid), ++sSequence);
+    const platform::UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    if (!fd.valid()) {
+        return "(not written: " + std::string(strerror(errno)) + ")";
+    }
+    std::string text;
+    for (const std::string& line : lines) {
+        text += line;
+        text += '\n';
+    }
+    if (!platform::writeAll(fd.get(), text.data(), text.size())) {
+        return path + " (incomplete: " + strerror(errno) + ")";
+    }
+    return path;
+}
+
+}  // namespace
+
+void writeStackReport(pid_t tid, const char* reason, int32_t timeoutMs, int64_t armedAgoMs) {
+    const int depth = captureStack(tid);
+
+    std::vector<std::string> lines;
+    lines.push_back(std::string("stack report: ") + reason);
+    lines.push_back("time: " + wallClockNow());
+    lines.push_back("process: " + std::to_string(getpid()));
+    lines.push_back("thread: " + std::to_string(tid) + " \"" + readProcFile(tid, "comm") + "\"");
+    lines.push_back("timeout: " + std::to_string(timeoutMs) + " ms, armed " +
+                    std::to_string(armedAgoMs) + " ms ago");
+    lines.push_back("state: " + schedulerState(tid) + ", wchan: " + readProcFile(tid, "wchan") +
+                    ", syscall: " + readProcFile(tid, "syscall"));
+    if (depth == 0) {
+        lines.push_back("backtrace: unavailable (the thread did not answer)");
+    } else {
+        lines.push_back("backtrace:");
+        // Frame 0 is the signal handler itself.
+        for (int i = 1; i < depth; ++i) {
+            lines.push_back("  #" + std::to_string(i - 1) + " " +
+                            describeFrame(sCapture.frames[i]));
+        }
+    }
+    const std::string file = writeSnapshotFile(tid, lines);
+
+    static const systemlog::Handle sLog = systemlog::create("kel.watchdog", "stack-report");
+    for (const std::string& line : lines) {
+        systemlog::write(sLog, systemlog::Level::kError, "%s", line.c_str());
+    }
+    systemlog::write(sLog, systemlog::Level::kError, "stack report file: %s", file.c_str());
+}
+
+void prepareStackReports() {
+    // backtrace() loads the unwinder on its first call, which is not safe in
+    // a signal handler: load it here, before any signal is sent.
+    void* warmUp[1];
+    backtrace(warmUp, 1);
+    installCaptureHandler();
+}
+
+void resetStackReportsAfterFork() {
+    sCapture.target.store(0);
+}
+
+}  // namespace watchdog
