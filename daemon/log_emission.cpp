@@ -7,7 +7,9 @@
 namespace kel {
 
 void logInfo(const std::shared_ptr<lum::LogServer>& logServer, const char* text) {
-    // The handle outlives the logger it came from: the logging library keeps
+    // One logger per half, on purpose: the halves share nothing, so either can
+    // be switched off alone, and nothing is cached between calls. The
+    // mirror's handle outlives its logger: the logging library keeps
     // system-log handles for the life of the process.
     systemlog::Handle handle;
     {

@@ -33,7 +33,7 @@ std::shared_ptr<kel::HelperServer> createHelperServerIfAllowed(
 
 void runUntilExitRequested() {
     do {
-        runloop::runInDefaultMode(kRunLoopSliceSeconds, true);
+        runloop::runInDefaultMode(kRunLoopSliceSeconds, /*returnAfterSourceHandled=*/true);
     } while (kel::sShouldExit != 1);
 }
 
@@ -49,9 +49,6 @@ void shutDownLogging(const std::shared_ptr<lum::LogServer>& logServer) {
 }  // namespace
 
 int main(int /*argc*/, char** /*argv*/) {
-    // The daemon's own log file plugs in here: its writer is prepared before
-    // the log server exists, attached right after the server is created, and
-    // closed after the log server has shut down.
     std::shared_ptr<lum::LogServer> logServer = lum::LogServer::create(getprogname());
     if (logServer) {
         logServer->start();

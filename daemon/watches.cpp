@@ -23,6 +23,9 @@ void handleSigterm(const SourceReference& source,
 
 void checkIdle(const std::shared_ptr<HelperServer>& server,
                const std::shared_ptr<lum::LogServer>& logServer, const SourceReference& timer) {
+    // Only the lowest bit of the answer is read: that bit is the whole of the
+    // helper-server library's contract for isBusy, and a build of it whose
+    // boolean carries other bits must not have them read as busy.
     const bool busy = (static_cast<unsigned>(server->isBusy()) & 1u) != 0;
     if (busy) {
         if (logServer) {

@@ -14,10 +14,10 @@
 namespace fsutil {
 
 // Whether `path` names anything (links followed): stat(2) succeeds.
-bool exists(const std::string& path);
+[[nodiscard]] bool exists(const std::string& path);
 
 // Whether `path` exists and can be opened and read as a directory.
-bool isDirectory(const std::string& path);
+[[nodiscard]] bool isDirectory(const std::string& path);
 
 // Creates the directory `path` with `mode` (less the umask). Returns true at
 // once when `path` already exists, whatever it is, leaving it unchanged.
@@ -26,26 +26,26 @@ bool isDirectory(const std::string& path);
 // skipped); a failure stops there and keeps the directories already made. An
 // empty path has nothing to create and gives true when recursive (it names
 // the current directory, as in makeDirectory(directoryPart("x.log"), ...)).
-bool makeDirectory(const std::string& path, mode_t mode, bool recursive);
+[[nodiscard]] bool makeDirectory(const std::string& path, mode_t mode, bool recursive);
 
 // The text after the last '/': "/a/b/c.log" gives "c.log", "/a/b/" gives "",
 // "name" gives "name", "" gives "".
-std::string lastPathComponent(const std::string& path);
+[[nodiscard]] std::string lastPathComponent(const std::string& path);
 
 // The text up to and including the last '/' before the last component:
 // "/a/b/c.log" gives "/a/b/", "c.log" gives "". When the last component is
 // empty (trailing '/' or empty path) the whole path is returned.
-std::string directoryPart(const std::string& path);
+[[nodiscard]] std::string directoryPart(const std::string& path);
 
 // `path` if nothing exists there, else the first of "path-1", "path-2", ...
 // that does not exist.
-std::string uniquePath(const std::string& path);
+[[nodiscard]] std::string uniquePath(const std::string& path);
 
 // `path` if nothing exists there, else the first free name with "-1", "-2",
 // ... inserted after the leading run of letters, digits, '/', '_' and '-':
 // "/logs/run.log" gives "/logs/run-1.log", "/d/n.tar.gz" gives "/d/n-1.tar.gz".
 // Returns "" when an existing path contains a line feed or carriage return,
 // which the name pattern does not match.
-std::string uniquePathBeforeExtension(const std::string& path);
+[[nodiscard]] std::string uniquePathBeforeExtension(const std::string& path);
 
 }  // namespace fsutil

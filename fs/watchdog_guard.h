@@ -16,7 +16,7 @@ inline constexpr char kWatchdogReason[] = "KEL: Watchdog timed out";
 // Arms the watchdog when constructed and disarms it when destroyed. Whether
 // arming succeeded is not examined: when the service cannot arm (its table is
 // full) the step simply runs unguarded.
-class WatchdogGuard {
+class [[nodiscard]] WatchdogGuard {
   public:
     WatchdogGuard();
     ~WatchdogGuard() noexcept;

@@ -71,9 +71,6 @@ bool FlatFileLogWriter::fileStreamFailedForTesting() const {
 void FlatFileLogWriter::writeLine(const lum::LogMessage& message) {
     std::ostream& target =
         fileStream_.is_open() ? static_cast<std::ostream&>(fileStream_) : pendingText_;
-    target.setf(std::ios::fixed);
-    target.precision(3);
-
     // Formatted by hand rather than through the stream's locale-aware number
     // output: this is the hot path. to_chars with a precision rounds exactly
     // as "%.3f" does in the classic locale, "-0.000" for tiny negatives

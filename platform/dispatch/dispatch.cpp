@@ -5,13 +5,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <condition_variable>
 #include <mutex>
 #include <optional>
 #include <thread>
-#include <vector>
 
 #include "platform/dispatch/dispatch_internal.h"
 #include "platform/posix/futex.h"
@@ -259,6 +257,27 @@ MainQueue* mainQueue() {
 // sleeps on the state word and competes again when woken, so concurrent sync
 // callers do not convoy through a wake-up per item. Work that was queued before
 // a sync call still runs before it, because queued work keeps the queue owned.
+//
+// The state word, bit by bit:
+//
+//   bit       set by                            cleared by
+//   kOwned    sync(): the CAS that takes an     release(), when no work is
+//             idle queue; enqueue(), for the    queued; otherwise ownership
+//             drain task it schedules           passes on and the bit stays
+//   kHasWork  enqueue(), under mutex_, always   whoever pops the last item,
+//             together with kOwned              under mutex_ (drain() or
+//                                               passToQueuedWork())
+//   kSleepers a sync caller about to sleep on   release() of an idle queue;
+//             the word; an acquirer that had    drain() after a full batch
+//             slept (others may still sleep)
+//
+// Who wakes whom: release() of an idle queue with kSleepers wakes one sleeper,
+// which competes again. release() with work queued passes ownership to the
+// head of the list: a SyncWaiter is woken through its own `ready` word and
+// runs its work on its own thread; asynchronous work gets a drain task on the
+// target. A drain task that ran a full batch wakes every sleeper, so that they
+// line up behind the queued work instead of waiting for an idle moment that
+// may never come.
 class SerialQueue final : public dispatch_queue_s {
   public:
     SerialQueue(const char* label, dispatch_queue_t target)
@@ -296,8 +315,8 @@ class SerialQueue final : public dispatch_queue_s {
     }
 
   private:
-    // State bits. kHasWork is set exactly while items_ is non-empty and is
-    // changed only under mutex_; it implies kOwned.
+    // State bits (see the table above the class). kHasWork is set exactly
+    // while items_ is non-empty.
     static constexpr uint32_t kOwned = 1;
     static constexpr uint32_t kSleepers = 2;
     static constexpr uint32_t kHasWork = 4;
@@ -587,100 +606,6 @@ void dispatch_barrier_async_f(dispatch_queue_t queue, void* context, dispatch_fu
 void dispatch_async(dispatch_queue_t queue, dispatch_block_t work) {
     dispatch::internal::enqueue(queue, new BlockWork(std::move(work)));
 }
-
-// --- Groups -----------------------------------------------------------------
-
-struct dispatch_group_s : dispatch_object_s {
-    dispatch_group_s() : dispatch_object_s(Kind::kGroup, false) {}
-
-    struct Notification {
-        dispatch_queue_t queue;
-        dispatch_block_t work;
-    };
-
-    std::atomic<uint32_t> count_{0};
-    std::mutex mutex_;
-    std::vector<Notification> notifications_;
-};
-
-dispatch_object_t dispatch_object_of(dispatch_group_t group) {
-    return group;
-}
-
-dispatch_group_t dispatch_group_create() {
-    return new dispatch_group_s;
-}
-
-void dispatch_group_enter(dispatch_group_t group) {
-    group->count_.fetch_add(1, std::memory_order_relaxed);
-}
-
-void dispatch_group_leave(dispatch_group_t group) {
-    // A waiter may release the group as soon as the count reaches zero; keep
-    // it alive for the wake-up and the notifications.
-    dispatch_retain(group);
-    if (group->count_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        futexWake(group->count_, INT_MAX);
-        std::vector<dispatch_group_s::Notification> due;
-        {
-            std::lock_guard lock(group->mutex_);
-            // Someone may have entered again meanwhile; the notifications then
-            // wait for the next time the group empties.
-            if (group->count_.load(std::memory_order_acquire) == 0) {
-                due.swap(group->notifications_);
-            }
-        }
-        for (auto& notification : due) {
-            dispatch_async(notification.queue, std::move(notification.work));
-            dispatch_release(notification.queue);
-        }
-    }
-    dispatch_release(group);
-}
-
-long dispatch_group_wait(dispatch_group_t group, dispatch_time_t timeout) {
-    for (;;) {
-        const uint32_t count = group->count_.load(std::memory_order_acquire);
-        if (count == 0) {
-            return 0;
-        }
-        if (timeout == DISPATCH_TIME_NOW || !futexWait(group->count_, count, timeout)) {
-            return group->count_.load(std::memory_order_acquire) == 0 ? 0 : 1;
-        }
-    }
-}
-
-void dispatch_group_notify(dispatch_group_t group, dispatch_queue_t queue, dispatch_block_t work) {
-    {
-        std::lock_guard lock(group->mutex_);
-        if (group->count_.load(std::memory_order_acquire) != 0) {
-            dispatch_retain(queue);
-            group->notifications_.push_back({queue, std::move(work)});
-            return;
-        }
-    }
-    dispatch_async(queue, std::move(work));
-}
-
-namespace dispatch {
-
-group_session::group_session(dispatch_group_t group) : group_(group) {
-    if (group_) {
-        dispatch_retain(group_);
-        dispatch_group_enter(group_);
-    }
-}
-
-group_session::group_session(const group_session& other) : group_session(other.group_) {}
-
-group_session::~group_session() {
-    if (group_) {
-        dispatch_group_leave(group_);
-        dispatch_release(group_);
-    }
-}
-
-}  // namespace dispatch
 
 // --- Main run loop hooks ------------------------------------------------------
 

@@ -27,6 +27,7 @@
 
 #include "platform/dispatch/dispatch.h"
 #include "platform/dispatch/dispatch_internal.h"
+#include "platform/posix/unique_fd.h"
 
 using dispatch::internal::Work;
 
@@ -48,23 +49,18 @@ const dispatch_source_type_t DISPATCH_SOURCE_TYPE_SIGNAL = &kSignalType;
 const dispatch_source_type_t DISPATCH_SOURCE_TYPE_TIMER = &kTimerType;
 
 struct dispatch_source_s : dispatch_object_s {
-    dispatch_source_s(dispatch_source_type_t type, int signalNumber, int fd, dispatch_queue_t queue,
-                      uint64_t id)
+    dispatch_source_s(dispatch_source_type_t type, int signalNumber, platform::UniqueFd fd,
+                      dispatch_queue_t queue, uint64_t id)
         : dispatch_object_s(Kind::kSource, false),
           type_(type),
           signalNumber_(signalNumber),
           queue_(queue),
           id_(id),
-          fd_(fd) {
+          fd_(std::move(fd)) {
         dispatch_retain(queue_);
         fireWork_.source = this;
     }
-    ~dispatch_source_s() override {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-        dispatch_release(queue_);
-    }
+    ~dispatch_source_s() override { dispatch_release(queue_); }
 
     struct FireWork : Work {
         FireWork();
@@ -77,7 +73,7 @@ struct dispatch_source_s : dispatch_object_s {
     const uint64_t id_;  // the key under which the event thread finds it
 
     std::mutex mutex_;
-    int fd_;
+    platform::UniqueFd fd_;
     Handler handler_;
     uint64_t pending_ = 0;  // events read but not yet handed to a firing
     bool activated_ = false;
@@ -98,11 +94,11 @@ class EventLoop {
     // The loop, started on first use; null when it cannot be started.
     static EventLoop* get() {
         static EventLoop* const sLoop = [] {
-            const int epollFd = epoll_create1(EPOLL_CLOEXEC);
-            if (epollFd < 0) {
+            platform::UniqueFd epollFd(epoll_create1(EPOLL_CLOEXEC));
+            if (!epollFd.valid()) {
                 return static_cast<EventLoop*>(nullptr);
             }
-            auto* loop = new EventLoop(epollFd);
+            auto* loop = new EventLoop(std::move(epollFd));
             if (!dispatch::internal::startDetachedThread("kel-events", [loop] { loop->run(); })) {
                 delete loop;
                 return static_cast<EventLoop*>(nullptr);
@@ -114,7 +110,7 @@ class EventLoop {
 
     EventLoop(const EventLoop&) = delete;
     EventLoop& operator=(const EventLoop&) = delete;
-    ~EventLoop() { close(epollFd_); }
+    ~EventLoop() = default;
 
     // Registers the source's fd, armed for one event. The registry holds a
     // reference until unregister().
@@ -125,7 +121,7 @@ class EventLoop {
             sources_.emplace(source->id_, source);
         }
         epoll_event event = makeEvent(source);
-        if (epoll_ctl(epollFd_, EPOLL_CTL_ADD, source->fd_, &event) == 0) {
+        if (epoll_ctl(epollFd_.get(), EPOLL_CTL_ADD, source->fd_.get(), &event) == 0) {
             return true;
         }
         unregister(source);
@@ -134,10 +130,10 @@ class EventLoop {
 
     void rearm(dispatch_source_s* source) {
         epoll_event event = makeEvent(source);
-        epoll_ctl(epollFd_, EPOLL_CTL_MOD, source->fd_, &event);
+        epoll_ctl(epollFd_.get(), EPOLL_CTL_MOD, source->fd_.get(), &event);
     }
 
-    void remove(int fd) { epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr); }
+    void remove(int fd) { epoll_ctl(epollFd_.get(), EPOLL_CTL_DEL, fd, nullptr); }
 
     void unregister(dispatch_source_s* source) {
         {
@@ -148,7 +144,7 @@ class EventLoop {
     }
 
   private:
-    explicit EventLoop(int epollFd) : epollFd_(epollFd) {}
+    explicit EventLoop(platform::UniqueFd epollFd) : epollFd_(std::move(epollFd)) {}
 
     static epoll_event makeEvent(const dispatch_source_s* source) {
         epoll_event event{};
@@ -160,7 +156,7 @@ class EventLoop {
     void run() {
         epoll_event events[8];
         for (;;) {
-            const int count = epoll_wait(epollFd_, events, 8, -1);
+            const int count = epoll_wait(epollFd_.get(), events, 8, -1);
             for (int i = 0; i < count; ++i) {
                 // epoll_event is packed: copy the id out before binding to it.
                 const uint64_t id = events[i].data.u64;
@@ -183,7 +179,7 @@ class EventLoop {
 
     void handleEvent(dispatch_source_s* source);
 
-    const int epollFd_;
+    const platform::UniqueFd epollFd_;
     std::mutex mutex_;
     std::unordered_map<uint64_t, dispatch_source_s*> sources_;
 };
@@ -192,14 +188,14 @@ class EventLoop {
 uint64_t readEvents(dispatch_source_s* source) {
     if (source->type_ == DISPATCH_SOURCE_TYPE_TIMER) {
         uint64_t expirations = 0;
-        return read(source->fd_, &expirations, sizeof expirations) == sizeof expirations
+        return read(source->fd_.get(), &expirations, sizeof expirations) == sizeof expirations
                    ? expirations
                    : 0;
     }
     uint64_t signals = 0;
     signalfd_siginfo infos[4];
     for (;;) {
-        const ssize_t got = read(source->fd_, infos, sizeof infos);
+        const ssize_t got = read(source->fd_.get(), infos, sizeof infos);
         if (got <= 0) {
             return signals;
         }
@@ -211,12 +207,11 @@ uint64_t readEvents(dispatch_source_s* source) {
 // dropped the source's lock. Called with the lock held, once cancelled and no
 // firing runs.
 Handler closeLocked(dispatch_source_s* source) {
-    if (source->fd_ >= 0) {
+    if (source->fd_.valid()) {
         if (source->registered_) {
-            EventLoop::get()->remove(source->fd_);
+            EventLoop::get()->remove(source->fd_.get());
         }
-        close(source->fd_);
-        source->fd_ = -1;
+        source->fd_.reset();
     }
     return std::move(source->handler_);
 }
@@ -283,7 +278,7 @@ dispatch_object_t dispatch_object_of(dispatch_source_t source) {
 dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t handle, uintptr_t,
                                          dispatch_queue_t queue) {
     static std::atomic<uint64_t> sNextId{1};
-    int fd = -1;
+    platform::UniqueFd fd;
     int signalNumber = 0;
     if (type == DISPATCH_SOURCE_TYPE_SIGNAL) {
         if (handle == 0 || handle > static_cast<uintptr_t>(SIGRTMAX)) {
@@ -293,20 +288,16 @@ dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t 
         sigset_t set;
         sigemptyset(&set);
         sigaddset(&set, signalNumber);
-        fd = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+        fd.reset(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
     } else if (type == DISPATCH_SOURCE_TYPE_TIMER) {
-        fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+        fd.reset(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
     }
     // A source nobody could ever watch is not made at all: a caller that gets
     // one relies on it, for instance by ignoring the signal it reports.
-    if (fd >= 0 && EventLoop::get() == nullptr) {
-        close(fd);
-        fd = -1;
-    }
-    if (fd < 0) {
+    if (!fd.valid() || EventLoop::get() == nullptr) {
         return nullptr;
     }
-    return new dispatch_source_s(type, signalNumber, fd,
+    return new dispatch_source_s(type, signalNumber, std::move(fd),
                                  queue ? queue : dispatch_get_global_queue(0, 0),
                                  sNextId.fetch_add(1, std::memory_order_relaxed));
 }
@@ -340,8 +331,8 @@ void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start, 
         }
     }
     std::lock_guard lock(source->mutex_);
-    if (source->fd_ >= 0) {
-        timerfd_settime(source->fd_, TFD_TIMER_ABSTIME, &spec, nullptr);
+    if (source->fd_.valid()) {
+        timerfd_settime(source->fd_.get(), TFD_TIMER_ABSTIME, &spec, nullptr);
     }
 }
 

@@ -30,7 +30,8 @@ class HelperServer {
   public:
     // A server that reports through `logServer` (which may be empty). Null when
     // the listening socket cannot be made.
-    static std::shared_ptr<HelperServer> create(std::shared_ptr<lum::LogServer> logServer);
+    [[nodiscard]] static std::shared_ptr<HelperServer> create(
+        std::shared_ptr<lum::LogServer> logServer);
 
     ~HelperServer();
     HelperServer(const HelperServer&) = delete;

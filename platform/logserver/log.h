@@ -64,7 +64,7 @@ class LogWriter {
 class LogServer {
   public:
     // A server named `name`, not yet started; null when it cannot be made.
-    static std::shared_ptr<LogServer> create(const std::string& name);
+    [[nodiscard]] static std::shared_ptr<LogServer> create(const std::string& name);
 
     ~LogServer();
     LogServer(const LogServer&) = delete;
@@ -88,7 +88,7 @@ class LogServer {
     // reached every writer and every writer's flush session has ended. The
     // caller owns one reference to the group (dispatch_release). Null when the
     // server is closed.
-    dispatch_group_t flush() const;
+    [[nodiscard]] dispatch_group_t flush() const;
 
     // Delivers what was accepted, stops the delivery thread, closes and drops
     // the writers. Later records are dropped. Idempotent. It waits for the

@@ -2,11 +2,11 @@
 
 #include <poll.h>
 #include <sys/epoll.h>
-#include <unistd.h>
 
 #include <cmath>
 
 #include "platform/dispatch/dispatch.h"
+#include "platform/posix/unique_fd.h"
 
 namespace runloop {
 namespace {
@@ -16,20 +16,14 @@ namespace {
 int loopEpollFd() {
     static const int sFd = [] {
         const int wakeupFd = dispatch_main_queue_wakeup_fd();
-        const int epollFd = epoll_create1(EPOLL_CLOEXEC);
-        if (epollFd < 0 || wakeupFd < 0) {
-            if (epollFd >= 0) {
-                close(epollFd);
-            }
-            return -1;
-        }
+        platform::UniqueFd epollFd(epoll_create1(EPOLL_CLOEXEC));
         epoll_event event{};
         event.events = EPOLLIN;
-        if (epoll_ctl(epollFd, EPOLL_CTL_ADD, wakeupFd, &event) != 0) {
-            close(epollFd);
+        if (!epollFd.valid() || wakeupFd < 0 ||
+            epoll_ctl(epollFd.get(), EPOLL_CTL_ADD, wakeupFd, &event) != 0) {
             return -1;
         }
-        return epollFd;
+        return epollFd.release();
     }();
     return sFd;
 }

@@ -123,16 +123,16 @@ TEST(PathSplitTest, LastComponentAndDirectoryPart) {
 // Failing steps are disarmed too: the last mkdir of "file/u" fails.
 TEST_F(PathsTest, EachFileSystemStepRunsUnderItsOwnGuard) {
     const std::pair<void (*)(), const char*> kCases[] = {
-        {[] { fsutil::isDirectory("dir"); }, "[ stat ] opendir readdir closedir"},
-        {[] { fsutil::makeDirectory("file", 0755, true); }, "[ stat ]"},
-        {[] { fsutil::makeDirectory("new", 0755, false); }, "[ stat ] [ mkdir ]"},
-        {[] { fsutil::makeDirectory("r/s", 0755, true); },
+        {[] { (void)fsutil::isDirectory("dir"); }, "[ stat ] opendir readdir closedir"},
+        {[] { (void)fsutil::makeDirectory("file", 0755, true); }, "[ stat ]"},
+        {[] { (void)fsutil::makeDirectory("new", 0755, false); }, "[ stat ] [ mkdir ]"},
+        {[] { (void)fsutil::makeDirectory("r/s", 0755, true); },
          "[ stat ] [ stat ] [ mkdir ] [ stat ] [ mkdir ]"},
-        {[] { fsutil::makeDirectory("file/u", 0755, true); },
+        {[] { (void)fsutil::makeDirectory("file/u", 0755, true); },
          "[ stat ] [ stat ] [ stat ] [ mkdir ]"},
-        {[] { fsutil::uniquePath("file"); }, "[ stat ] [ stat ]"},
-        {[] { fsutil::uniquePathBeforeExtension("file"); }, "[ stat ] [ stat ]"},
-        {[] { fsutil::directoryPart(fsutil::lastPathComponent("/a/b")); }, ""},
+        {[] { (void)fsutil::uniquePath("file"); }, "[ stat ] [ stat ]"},
+        {[] { (void)fsutil::uniquePathBeforeExtension("file"); }, "[ stat ] [ stat ]"},
+        {[] { (void)fsutil::directoryPart(fsutil::lastPathComponent("/a/b")); }, ""},
         // An exception leaving nested guards disarms both.
         {[] {
              try {
