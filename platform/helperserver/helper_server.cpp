@@ -13,7 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <thread>
-#include <unordered_set>
+#include <unordered_map>
 
 #include "platform/helperserver/runtime_paths.h"
 #include "platform/logserver/log.h"
@@ -48,7 +48,8 @@ struct HelperServer::Impl {
     UniqueFd stopFd;  // an eventfd: readable once stop() wants the thread gone
 
     std::atomic<int> clientCount{0};
-    std::unordered_set<int> clients;  // only the server thread touches these
+    // Client connections by descriptor; only the server thread touches them.
+    std::unordered_map<int, UniqueFd> clients;
 
     std::mutex lifecycleMutex;
     bool started = false;  // guarded by lifecycleMutex
@@ -94,8 +95,7 @@ void HelperServer::Impl::run() {
                 acceptClients();
             } else if ((events[i].events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0 ||
                        !drainClient(fd)) {
-                clients.erase(fd);
-                ::close(fd);  // also takes it out of the epoll set
+                clients.erase(fd);  // closing also takes it out of the epoll set
                 clientCount.fetch_sub(1, std::memory_order_release);
             }
         }
@@ -103,19 +103,16 @@ void HelperServer::Impl::run() {
             break;
         }
     }
-    for (int fd : clients) {
-        ::close(fd);
-    }
     clients.clear();
     clientCount.store(0, std::memory_order_release);
 }
 
 void HelperServer::Impl::acceptClients() {
     for (;;) {
-        const int fd = platform::retryOnEintr([&] {
+        UniqueFd client(platform::retryOnEintr([&] {
             return accept4(listenFd.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        });
-        if (fd < 0) {
+        }));
+        if (!client.valid()) {
             // EAGAIN: the backlog is empty. ECONNABORTED concerns one client
             // only; the listening socket stays usable.
             const int error = errno;
@@ -127,12 +124,12 @@ void HelperServer::Impl::acceptClients() {
             }
             return;
         }
-        if (!watch(fd, EPOLLIN | EPOLLRDHUP)) {
+        if (!watch(client.get(), EPOLLIN | EPOLLRDHUP)) {
             report(lum::LogLevel::kError, "epoll_ctl: %s", strerror(errno));
-            ::close(fd);
             continue;
         }
-        clients.insert(fd);
+        const int fd = client.get();
+        clients.emplace(fd, std::move(client));
         clientCount.fetch_add(1, std::memory_order_release);
     }
 }
