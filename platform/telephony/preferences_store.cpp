@@ -6,6 +6,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -93,10 +94,14 @@ FileReadResult readPreferencesFile(const std::string& path, std::string& bytes,
     if (static_cast<uint64_t>(status.st_size) > kMaxPreferencesFileSize) {
         return FileReadResult::kTooLarge;
     }
-    // Read to the end rather than st_size bytes: the file may be growing.
-    bytes.resize(kMaxPreferencesFileSize + 1);
+    // Read to the end rather than st_size bytes: the file may be growing. One
+    // byte more than the limit tells a file grown too large.
+    bytes.resize(static_cast<size_t>(status.st_size) + 1);
     size_t length = 0;
-    while (length < bytes.size()) {
+    while (length <= kMaxPreferencesFileSize) {
+        if (length == bytes.size()) {
+            bytes.resize(std::min(bytes.size() * 2, kMaxPreferencesFileSize + 1));
+        }
         const ssize_t got = platform::retryOnEintr(
             [&] { return read(fd.get(), bytes.data() + length, bytes.size() - length); });
         if (got < 0) {
@@ -189,8 +194,13 @@ std::shared_ptr<const PreferencesAdapter::Snapshot> PreferencesAdapter::currentS
     // A file that does not parse is kept as an empty copy, so that a broken
     // file is not parsed again on every read.
     static_cast<void>(parsePreferences(bytes, fresh->values, ignored));
-    const std::lock_guard<std::mutex> lock(mutex_);
-    snapshot_ = fresh;
+    std::shared_ptr<const Snapshot> previous = fresh;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        snapshot_.swap(previous);
+    }
+    // The previous copy, if no other reader holds it, is freed here, outside
+    // the lock.
     return fresh;
 }
 
