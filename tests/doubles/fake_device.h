@@ -1,9 +1,8 @@
 // Controls of the fake device: the telephony library's radio, build-kind and
-// fusing queries answering what a test sets, counting how often they are
-// asked and recording what the fusing inference was given.
+// fusing queries answer what a test sets, count how often the radio and the
+// internal build are asked for, and record what the fusing inference got.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -12,22 +11,22 @@
 namespace kel::testing {
 
 struct FakeDevice {
-    std::atomic<uint32_t> radio{0};
-    std::atomic<uint32_t> vendor{0};
-    std::atomic<uint32_t> product{0};
-    std::atomic<bool> carrierBuild{true};
-    std::atomic<bool> internalBuild{false};
-    std::atomic<bool> fusingCertIDFromSerialNumber{false};
-
-    std::atomic<int> radioQueries{0};
-    std::atomic<int> internalQueries{0};
-    std::string lastSerialNumber;  // as the serial-number inference got it
+    uint32_t radio = 0;
+    uint32_t vendor = 0;
+    uint32_t product = 0;
+    bool carrierBuild = true;
+    bool internalBuild = false;
+    bool fusingCertIDFromSerialNumber = false;
+    int radioQueries = 0;
+    int internalQueries = 0;
+    std::string lastSerialNumber;
     uint32_t lastCertificateId = 0;
 };
 
+// Not synchronised: set it while no other thread asks.
 FakeDevice& fakeDevice();
 
-// The state every fusing inference of the fake answers.
+// What every fusing inference of the fake answers.
 inline constexpr lum::RadioFusingState kFakeFusingState = lum::RadioFusingState::kFused;
 
 }  // namespace kel::testing

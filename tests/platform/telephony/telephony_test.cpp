@@ -1,11 +1,9 @@
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -49,19 +47,17 @@ TEST_F(TelephonyTest, ChangeThatKeepsSizeAndMtimeIsSeenByTheNextRead) {
 
 TEST_F(TelephonyTest, WhatIsNotAWellFormedFileReadsAsEmptyWithoutBlocking) {
     const lum::PreferencesAdapter adapter("test.domain", lum::kPreferencesScopeCurrentUser);
-    const std::function<void()> kPutInPlace[] = {
-        [&] { ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0); },
-        [&] { ASSERT_EQ(mkdir(path_.c_str(), 0700), 0); },
-        [&] { store(""); },
-        [&] { store(R"({"k": 1)"); },
-        [&] { store(R"([{"k": 1}])"); },
-        [&] {
-            store(R"({"k": 1, "pad": ")" + std::string(lum::kMaxPreferencesFileSize, 'x') + "\"}");
-        },
-    };
-    for (const auto& putInPlace : kPutInPlace) {
-        putInPlace();
-        EXPECT_EQ(adapter.copyValue("k"), std::nullopt);
+    const std::string kBroken[] = {
+        "fifo",       "folder",        "",
+        R"({"k": 1)", R"([{"k": 1}])", R"({"k": 1, "pad": ")" + std::string(1 << 20, 'x') + "\"}"};
+    for (const std::string& broken : kBroken) {
+        if (broken == "fifo" || broken == "folder") {
+            ASSERT_EQ(broken == "fifo" ? mkfifo(path_.c_str(), 0600) : mkdir(path_.c_str(), 0700),
+                      0);
+        } else {
+            store(broken);
+        }
+        EXPECT_EQ(adapter.copyValue("k"), std::nullopt) << broken.substr(0, 20);
         std::filesystem::remove(path_);
         store(R"({"k": 1})");
         EXPECT_EQ(adapter.copyValue("k"), number(1));
@@ -70,40 +66,21 @@ TEST_F(TelephonyTest, WhatIsNotAWellFormedFileReadsAsEmptyWithoutBlocking) {
     EXPECT_EQ(lum::PreferencesAdapter("test.domain", "anyUser").copyValue("k"), std::nullopt);
 }
 
-// The device's answers in a child process that reads `description` (nothing:
-// no file) as its device description, as "radio vendor product carrier
-// internal".
-std::string deviceAnswers(const kel::testing::TempDir& folder, const char* description) {
-    const std::string path = folder.file("device.json");
-    if (description != nullptr) {
-        std::ofstream(path) << description;
-    }
-    int fds[2];
-    EXPECT_EQ(pipe(fds), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        setenv("KEL_DEVICE_DESCRIPTION", path.c_str(), 1);
-        const std::string answers = std::to_string(TelephonyRadiosGetRadio()) + " " +
-                                    std::to_string(TelephonyRadiosGetRadioVendor()) + " " +
-                                    std::to_string(TelephonyRadiosGetProduct()) + " " +
-                                    std::to_string(TelephonyUtilIsCarrierBuild()) + " " +
-                                    std::to_string(TelephonyUtilIsInternalBuild());
-        _exit(write(fds[1], answers.data(), answers.size()) > 0 ? 0 : 1);
-    }
-    close(fds[1]);
-    char buffer[128] = {};
-    const ssize_t got = read(fds[0], buffer, sizeof buffer - 1);
-    close(fds[0]);
-    waitpid(child, nullptr, 0);
-    return std::string(buffer, got > 0 ? got : 0);
-}
-
-TEST_F(TelephonyTest, DeviceDescriptionFallsBackToACarrierBuildMemberByMember) {
-    EXPECT_EQ(deviceAnswers(folder_, nullptr), "0 0 0 1 0");
-    EXPECT_EQ(deviceAnswers(folder_, "{broken"), "0 0 0 1 0");
-    EXPECT_EQ(deviceAnswers(folder_, R"({"radio": 8, "vendor": -1, "product": 61,
-                                         "carrierBuild": false, "internalBuild": 1})"),
-              "8 0 61 0 0");
+// Each check runs in a child of its own (a death test): the description is
+// read once per process.
+TEST(DeviceDescriptionTest, AbsentOrMistypedMembersTakeTheCarrierBuildDefaults) {
+    const kel::testing::TempDir folder;
+    std::ofstream(folder.file("device.json"))
+        << R"({"radio": 8, "vendor": -1, "internalBuild": 1})";
+    const auto answers = [] {
+        exit(static_cast<int>(TelephonyRadiosGetRadio() + TelephonyRadiosGetRadioVendor() * 16 +
+                              TelephonyUtilIsCarrierBuild() * 32 +
+                              TelephonyUtilIsInternalBuild() * 64));
+    };
+    setenv("KEL_DEVICE_DESCRIPTION", folder.file("device.json").c_str(), 1);
+    EXPECT_EXIT(answers(), ::testing::ExitedWithCode(8 + 32), "");
+    setenv("KEL_DEVICE_DESCRIPTION", folder.file("missing.json").c_str(), 1);
+    EXPECT_EXIT(answers(), ::testing::ExitedWithCode(32), "");
 }
 
 }  // namespace
