@@ -123,6 +123,12 @@ const char* typeName(const lum::PreferenceValue& value) {
     return std::trunc(number) == number ? "int" : "real";
 }
 
+// Whole, zero bytes included (a JSON text may hold "\u0000").
+void printLine(const std::string& text) {
+    fwrite(text.data(), 1, text.size(), stdout);
+    putchar('\n');
+}
+
 bool load(const std::string& path, lum::PreferenceMap& values) {
     std::string error;
     if (!lum::loadPreferencesFile(path, values, error)) {
@@ -144,7 +150,7 @@ int read(const std::string& path, const std::string& key) {
     }
     std::string text;
     lum::preferenceToText(found->second, text);
-    printf("%s\n", text.c_str());
+    printLine(text);
     return kExitSuccess;
 }
 
@@ -156,7 +162,7 @@ int list(const std::string& path) {
     for (const auto& [key, value] : values) {
         std::string text;
         lum::preferenceToText(value, text);
-        printf("%s\t%s\t%s\n", key.c_str(), typeName(value), text.c_str());
+        printLine(key + "\t" + typeName(value) + "\t" + text);
     }
     return kExitSuccess;
 }
