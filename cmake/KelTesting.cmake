@@ -32,3 +32,25 @@ function(kel_add_subdirectories)
     endif()
   endforeach()
 endfunction()
+
+# kel_add_fuzz_target(NAME <name> SOURCES <src>... CORPUS <dir> [LIBS <lib>...])
+#
+# <name>_replay, built in every preset and registered with CTest, feeds each
+# file of the committed corpus <dir> to the target's LLVMFuzzerTestOneInput.
+# With clang (outside ThreadSanitizer builds) <name> is also built as a
+# libFuzzer binary. SOURCES holds the fuzz target and the sources under test,
+# so that these carry the fuzzer's coverage instrumentation.
+function(kel_add_fuzz_target)
+  cmake_parse_arguments(ARG "" "NAME;CORPUS" "SOURCES;LIBS" ${ARGN})
+  add_executable(${ARG_NAME}_replay ${ARG_SOURCES}
+                 ${PROJECT_SOURCE_DIR}/tests/support/fuzz_replay_main.cpp)
+  target_link_libraries(${ARG_NAME}_replay PRIVATE ${ARG_LIBS})
+  add_test(NAME ${ARG_NAME}_replay COMMAND ${ARG_NAME}_replay ${ARG_CORPUS})
+  set_tests_properties(${ARG_NAME}_replay PROPERTIES TIMEOUT 60 LABELS unit)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND NOT CMAKE_CXX_FLAGS MATCHES "sanitize=thread")
+    add_executable(${ARG_NAME} ${ARG_SOURCES})
+    target_compile_options(${ARG_NAME} PRIVATE -fsanitize=fuzzer)
+    target_link_options(${ARG_NAME} PRIVATE -fsanitize=fuzzer)
+    target_link_libraries(${ARG_NAME} PRIVATE ${ARG_LIBS})
+  endif()
+endfunction()

@@ -1,0 +1,59 @@
+#include "config/kel_properties.h"
+
+#include "config/capabilities.h"
+#include "config/shared_instance.h"
+#include "platform/telephony/build_kind.h"
+
+namespace {
+
+constinit kel::SharedInstanceSlot<KELProperties> sProperties;
+
+// The stored value under `key` when it has the type `Stored`, converted into
+// `target` by `convert`.
+template <typename Stored, typename Target>
+bool readTyped(const lum::PreferencesAdapter& adapter, const std::string& key, Target& target,
+               bool (*convert)(const lum::PreferenceValue&, Target&)) {
+    const std::optional<lum::PreferenceValue> value = adapter.copyValue(key);
+    return value.has_value() && std::holds_alternative<Stored>(*value) && convert(*value, target);
+}
+
+}  // namespace
+
+KELProperties::KELProperties() : adapter_(kDomain, lum::kPreferencesScopeCurrentUser) {}
+
+std::shared_ptr<KELProperties> KELProperties::instance() {
+    return sProperties.get([] { return std::shared_ptr<KELProperties>(new KELProperties()); });
+}
+
+bool KELProperties::readUnsigned(const lum::PreferencesAdapter& adapter, const std::string& key,
+                                 uint32_t& target) {
+    return readTyped<double>(adapter, key, target, lum::preferenceToUInt32);
+}
+
+bool KELProperties::readInt(const lum::PreferencesAdapter& adapter, const std::string& key,
+                            int32_t& target) {
+    return readTyped<double>(adapter, key, target, lum::preferenceToInt32);
+}
+
+bool KELProperties::readBool(const lum::PreferencesAdapter& adapter, const std::string& key,
+                             bool& target) {
+    return readTyped<bool>(adapter, key, target, lum::preferenceToBool);
+}
+
+void KELProperties::readText(const lum::PreferencesAdapter& adapter, const std::string& key,
+                             std::string& target) {
+    const std::optional<lum::PreferenceValue> value = adapter.copyValue(key);
+    if (value.has_value()) {
+        lum::preferenceToText(*value, target);
+    }
+}
+
+bool KELProperties::isEnabled(const Capabilities& /*capabilities*/) {
+    // Internal builds are asked about only on carrier builds.
+    bool enabled = TelephonyUtilIsCarrierBuild() && !TelephonyUtilIsInternalBuild();
+    std::string text;
+    readText(instance()->adapter(), "kel.enabled", text);
+    // Unrecognised text, the empty text included, keeps the default.
+    static_cast<void>(parseBoolValue(text, enabled));
+    return enabled;
+}

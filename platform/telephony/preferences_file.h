@@ -1,0 +1,55 @@
+// A domain's file as a file: reading it without blocking, and changing one key
+// of it atomically. For the store itself and the command-line tool; readers
+// go through PreferencesAdapter (preferences.h).
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "platform/telephony/preferences.h"
+
+namespace lum {
+
+enum class FileReadResult {
+    kRead,
+    kMissing,
+    kUnreadable,  // errno tells why
+    kNotRegular,
+    kTooLarge,
+};
+
+// Reads the whole regular file at `path` into `bytes` and its status, taken
+// before the read, into `status`. Opening never blocks, whatever is at `path`.
+[[nodiscard]] FileReadResult readPreferencesFile(const std::string& path, std::string& bytes,
+                                                 struct stat& status);
+
+// "is not a regular file" and the like, to follow the file's path in a
+// message; "" for kRead and kMissing. Call right after the read (errno).
+[[nodiscard]] std::string describeFileReadResult(FileReadResult result);
+
+enum class EditResult {
+    kDone,
+    kKeyAbsent,  // a removal found nothing to remove; the file is untouched
+    kFailed,     // the file is untouched; `error` says why
+};
+
+// Sets `key` to `value` in the file at `path`, or removes it when `value` is
+// empty, keeping every other member (whatever its JSON type) in its order.
+//
+// The file is replaced whole or not at all: the new content goes to a
+// temporary file in the same folder, which is synced, takes the old file's
+// permission bits (`newFileMode` when there was no file) and is renamed over
+// it; then the folder is synced. The folder is created when missing. Edits
+// of one file by several processes are serialised with a lock on its folder,
+// so that none is lost. A file that cannot be read, or does not hold a JSON
+// object, is refused rather than overwritten. A process killed during an edit
+// can leave a stray ".<name>.XXXXXX" file beside the domain's file, never a
+// partial domain file.
+[[nodiscard]] EditResult editPreference(const std::string& path, const std::string& key,
+                                        const std::optional<PreferenceValue>& value,
+                                        mode_t newFileMode, std::string& error);
+
+}  // namespace lum

@@ -1,0 +1,36 @@
+// Fuzzing of a domain file's parsing: any bytes give either a failure with a
+// message and no values, or values that each convert only as their type
+// allows. An exception escaping is a crash.
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "platform/telephony/preferences.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    lum::PreferenceMap values;
+    std::string error;
+    const bool parsed =
+        lum::parsePreferences({reinterpret_cast<const char*>(data), size}, values, error);
+    if (parsed != error.empty() || (!parsed && !values.empty())) {
+        abort();
+    }
+    for (const auto& [key, value] : values) {
+        const double* number = std::get_if<double>(&value);
+        uint32_t asUnsigned = 0;
+        int32_t asInt = 0;
+        bool asBool = false;
+        std::string asText;
+        lum::preferenceToText(value, asText);
+        if ((number != nullptr && !std::isfinite(*number)) ||
+            lum::preferenceToBool(value, asBool) != std::holds_alternative<bool>(value) ||
+            (lum::preferenceToUInt32(value, asUnsigned) && *number != asUnsigned) ||
+            (lum::preferenceToInt32(value, asInt) && *number != asInt) ||
+            (std::holds_alternative<std::string>(value) &&
+             asText != std::get<std::string>(value))) {
+            abort();
+        }
+    }
+    return 0;
+}
