@@ -1,17 +1,20 @@
-# kel_add_test(NAME <name> SOURCES <src>... [LIBS <lib>...] [TIMEOUT <s>] [THREADED])
+# kel_add_test(NAME <name> SOURCES <src>... [LIBS <lib>...] [TIMEOUT <s>] [THREADED]
+#              [LAUNCHER <command>...])
 #
 # One GoogleTest executable registered with CTest as a single test, so that
 # its time-out covers the whole executable and a lost signal or a deadlock
 # shows up as a failure instead of a hung run. THREADED marks the tests that
-# start threads; the TSan preset runs only those.
+# start threads; the TSan preset runs only those. LAUNCHER runs the executable
+# through a command that sets up its surroundings (it gets the executable's
+# path as its last argument).
 function(kel_add_test)
-  cmake_parse_arguments(ARG "THREADED" "NAME;TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "THREADED" "NAME;TIMEOUT" "SOURCES;LIBS;LAUNCHER" ${ARGN})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 60)
   endif()
   add_executable(${ARG_NAME} ${ARG_SOURCES})
   target_link_libraries(${ARG_NAME} PRIVATE ${ARG_LIBS} GTest::gmock GTest::gtest_main Threads::Threads)
-  add_test(NAME ${ARG_NAME} COMMAND ${ARG_NAME})
+  add_test(NAME ${ARG_NAME} COMMAND ${ARG_LAUNCHER} $<TARGET_FILE:${ARG_NAME}>)
   set(labels unit)
   if(ARG_THREADED)
     list(APPEND labels threaded)

@@ -5,7 +5,12 @@
 // specification included.
 #include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
 
 #include "tests/support/call_recorder.h"
 
@@ -35,3 +40,43 @@ KEL_INTERPOSE(int, mkdir, (const char* path, mode_t mode), (path, mode), -1, noe
 KEL_INTERPOSE(DIR*, opendir, (const char* path), (path), nullptr)
 KEL_INTERPOSE(dirent*, readdir, (DIR * directory), (directory), nullptr)
 KEL_INTERPOSE(int, closedir, (DIR * directory), (directory), -1)
+KEL_INTERPOSE(ssize_t, read, (int fd, void* buffer, size_t size), (fd, buffer, size), -1)
+KEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), -1)
+KEL_INTERPOSE(off64_t, lseek64, (int fd, off64_t offset, int whence), (fd, offset, whence), -1,
+              noexcept)
+KEL_INTERPOSE(ssize_t, copy_file_range,
+              (int from, off64_t* fromOffset, int to, off64_t* toOffset, size_t size,
+               unsigned flags),
+              (from, fromOffset, to, toOffset, size, flags), -1)
+KEL_INTERPOSE(int, fstat, (int fd, struct stat* status), (fd, status), -1, noexcept)
+KEL_INTERPOSE(int, fchmod, (int fd, mode_t mode), (fd, mode), -1, noexcept)
+KEL_INTERPOSE(int, statvfs, (const char* path, struct statvfs* figures), (path, figures), -1,
+              noexcept)
+KEL_INTERPOSE(FILE*, fopen64, (const char* path, const char* mode), (path, mode), nullptr)
+
+// close and fclose release the descriptor even when they report a failure, as
+// on Linux: an injected failure is reported after the real call.
+#define KEL_INTERPOSE_RELEASING(Result, Name, Parameters, Arguments, Failure)                 \
+    extern "C" Result Name Parameters {                                                       \
+        static const auto sNext = reinterpret_cast<decltype(&Name)>(dlsym(RTLD_NEXT, #Name)); \
+        const Result result = sNext Arguments;                                                \
+        return interposed<Result>(#Name, Failure, [&] { return result; });                    \
+    }
+
+KEL_INTERPOSE_RELEASING(int, close, (int fd), (fd), -1)
+KEL_INTERPOSE_RELEASING(int, fclose, (FILE * stream), (stream), EOF)
+
+// open and fcntl take an optional third argument. It is read whether or not it
+// was passed, as the C library's fcntl does, and handed on unchanged.
+#define KEL_INTERPOSE_THIRD(Name, First, Third)                                               \
+    extern "C" int Name(First first, int second, ...) {                                       \
+        static const auto sNext = reinterpret_cast<decltype(&Name)>(dlsym(RTLD_NEXT, #Name)); \
+        va_list rest;                                                                         \
+        va_start(rest, second);                                                               \
+        const Third third = va_arg(rest, Third);                                              \
+        va_end(rest);                                                                         \
+        return interposed<int>(#Name, -1, [&] { return sNext(first, second, third); });       \
+    }
+
+KEL_INTERPOSE_THIRD(open, const char*, mode_t)
+KEL_INTERPOSE_THIRD(fcntl, int, void*)
