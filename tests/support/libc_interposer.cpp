@@ -5,7 +5,11 @@
 // specification included.
 #include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "tests/support/call_recorder.h"
 
@@ -34,4 +38,33 @@ KEL_INTERPOSE(int, stat, (const char* path, struct stat* status), (path, status)
 KEL_INTERPOSE(int, mkdir, (const char* path, mode_t mode), (path, mode), -1, noexcept)
 KEL_INTERPOSE(DIR*, opendir, (const char* path), (path), nullptr)
 KEL_INTERPOSE(dirent*, readdir, (DIR * directory), (directory), nullptr)
-KEL_INTERPOSE(int, closedir, (DIR * directory), (directory), -1)
+KEL_INTERPOSE(DIR*, fdopendir, (int fd), (fd), nullptr)
+KEL_INTERPOSE(int, lstat, (const char* path, struct stat* status), (path, status), -1, noexcept)
+KEL_INTERPOSE(int, fstatat, (int dir, const char* path, struct stat* status, int flags),
+              (dir, path, status, flags), -1, noexcept)
+KEL_INTERPOSE(int, unlinkat, (int dir, const char* path, int flags), (dir, path, flags), -1,
+              noexcept)
+KEL_INTERPOSE(int, remove, (const char* path), (path), -1, noexcept)
+KEL_INTERPOSE(int, rename, (const char* from, const char* to), (from, to), -1, noexcept)
+KEL_INTERPOSE(int, chown, (const char* path, uid_t uid, gid_t gid), (path, uid, gid), -1, noexcept)
+KEL_INTERPOSE(int, fchownat, (int dir, const char* path, uid_t uid, gid_t gid, int flags),
+              (dir, path, uid, gid, flags), -1, noexcept)
+KEL_INTERPOSE(int, chmod, (const char* path, mode_t mode), (path, mode), -1, noexcept)
+
+// A failed close has still released the stream, as on Linux: the real call is
+// made whether or not the recorder fails it.
+extern "C" int closedir(DIR* directory) {
+    static const auto sNext = reinterpret_cast<decltype(&closedir)>(dlsym(RTLD_NEXT, "closedir"));
+    const int result = sNext(directory);
+    return interposed<int>("closedir", -1, [&] { return result; });
+}
+
+// The mode argument is there only when the flags create a file.
+extern "C" int openat(int dir, const char* path, int flags, ...) {
+    static const auto sNext = reinterpret_cast<decltype(&openat)>(dlsym(RTLD_NEXT, "openat"));
+    va_list args;
+    va_start(args, flags);
+    const mode_t mode = __OPEN_NEEDS_MODE(flags) ? va_arg(args, mode_t) : 0;
+    va_end(args);
+    return interposed<int>("openat", -1, [&] { return sNext(dir, path, flags, mode); });
+}
