@@ -39,7 +39,29 @@ KEL_INTERPOSE(int, stat, (const char* path, struct stat* status), (path, status)
 KEL_INTERPOSE(int, mkdir, (const char* path, mode_t mode), (path, mode), -1, noexcept)
 KEL_INTERPOSE(DIR*, opendir, (const char* path), (path), nullptr)
 KEL_INTERPOSE(dirent*, readdir, (DIR * directory), (directory), nullptr)
-KEL_INTERPOSE(int, closedir, (DIR * directory), (directory), -1)
+KEL_INTERPOSE(DIR*, fdopendir, (int fd), (fd), nullptr)
+KEL_INTERPOSE(int, lstat, (const char* path, struct stat* status), (path, status), -1, noexcept)
+KEL_INTERPOSE(int, fstatat, (int dir, const char* path, struct stat* status, int flags),
+              (dir, path, status, flags), -1, noexcept)
+KEL_INTERPOSE(int, unlinkat, (int dir, const char* path, int flags), (dir, path, flags), -1,
+              noexcept)
+KEL_INTERPOSE(int, remove, (const char* path), (path), -1, noexcept)
+KEL_INTERPOSE(int, rename, (const char* from, const char* to), (from, to), -1, noexcept)
+KEL_INTERPOSE(int, chown, (const char* path, uid_t uid, gid_t gid), (path, uid, gid), -1, noexcept)
+KEL_INTERPOSE(int, fchownat, (int dir, const char* path, uid_t uid, gid_t gid, int flags),
+              (dir, path, uid, gid, flags), -1, noexcept)
+KEL_INTERPOSE(int, chmod, (const char* path, mode_t mode), (path, mode), -1, noexcept)
+
+// The mode argument is there only when the flags create a file.
+extern "C" int openat(int dir, const char* path, int flags, ...) {
+    static const auto sNext = reinterpret_cast<decltype(&openat)>(dlsym(RTLD_NEXT, "openat"));
+    va_list args;
+    va_start(args, flags);
+    const mode_t mode = __OPEN_NEEDS_MODE(flags) ? va_arg(args, mode_t) : 0;
+    va_end(args);
+    return interposed<int>("openat", -1, [&] { return sNext(dir, path, flags, mode); });
+}
+
 KEL_INTERPOSE(ssize_t, read, (int fd, void* buffer, size_t size), (fd, buffer, size), -1)
 KEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), -1)
 KEL_INTERPOSE(off64_t, lseek64, (int fd, off64_t offset, int whence), (fd, offset, whence), -1,
@@ -65,6 +87,7 @@ KEL_INTERPOSE(FILE*, fopen64, (const char* path, const char* mode), (path, mode)
 
 KEL_INTERPOSE_RELEASING(int, close, (int fd), (fd), -1)
 KEL_INTERPOSE_RELEASING(int, fclose, (FILE * stream), (stream), EOF)
+KEL_INTERPOSE_RELEASING(int, closedir, (DIR * directory), (directory), -1)
 
 // open and fcntl take an optional third argument. It is read whether or not it
 // was passed, as the C library's fcntl does, and handed on unchanged.

@@ -1,5 +1,5 @@
-// Shared test helpers: a scratch folder under /tmp that is removed with
-// everything in it, and whole-file reads.
+// Shared test helpers: a scratch folder (under /tmp unless told otherwise) that
+// is removed with everything in it, and whole-file reads.
 #pragma once
 
 #include <stdlib.h>
@@ -14,9 +14,10 @@ namespace kel::testing {
 
 class TempDir {
   public:
-    TempDir() {
-        char pattern[] = "/tmp/kelhelperd-test-XXXXXX";
-        if (mkdtemp(pattern) == nullptr) {
+    TempDir() : TempDir("/tmp") {}
+    explicit TempDir(const std::string& parent) {
+        std::string pattern = parent + "/kelhelperd-test-XXXXXX";
+        if (mkdtemp(pattern.data()) == nullptr) {
             throw std::runtime_error("mkdtemp failed");
         }
         path_ = pattern;

@@ -1,0 +1,45 @@
+// Operations on the metadata of paths: the ids of two system accounts, the
+// owner of a path or of a whole tree, the mode of a path, and renaming.
+//
+// Each system call runs under a guard of its own. A failure is a result, never
+// an exception. Symbolic links are followed throughout, as chown(2) and
+// chmod(2) follow them.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace fsutil {
+
+// System accounts whose ids can be looked up.
+enum class Account {
+    kMobile = 0,    // "mobile"
+    kWireless = 1,  // "_wireless"
+};
+
+// Looks `account` up in the user database and stores its user and group ids.
+// When the account is unknown, logs "Getting uid and gid: failed to get passwd
+// for <name>" at the error level and leaves the outputs untouched; a value
+// outside Account gives false without a message. Not thread-safe: getpwnam(3)
+// shares one record in the process.
+[[nodiscard]] bool getAccountIds(Account account, uid_t& uid, gid_t& gid);
+
+// chown(2) under a guard; true when it succeeded.
+bool changeOwner(const std::string& path, uid_t uid, gid_t gid);
+
+// Gives `path` and, if it is a directory, everything under it to uid:gid, in
+// listing order, descending into links to directories. A directory gets the
+// new owner through its "." entry, and the directory above it through its
+// ".." entry, so the one that contains `path` changes too. Stops with false at
+// the first chown that fails, keeping the changes made before it, and when a
+// link leads back into a directory being walked (a cycle).
+bool changeOwnerRecursive(const std::string& path, uid_t uid, gid_t gid);
+
+// chmod(2) under a guard; true when it succeeded.
+bool changeMode(const std::string& path, mode_t mode);
+
+// rename(2) under a guard: replaces whatever `newPath` names, as rename does.
+bool renamePath(const std::string& oldPath, const std::string& newPath);
+
+}  // namespace fsutil

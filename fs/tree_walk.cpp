@@ -1,0 +1,123 @@
+#include "fs/tree_walk.h"
+
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <optional>
+
+#include "fs/watchdog_guard.h"
+
+namespace fsutil::internal {
+
+namespace {
+
+// Whether `entry` needs the open that tells whether it is a directory.
+bool mayBeDirectory(const OpenDirectory& directory, const ListedEntry& entry, bool followLinks) {
+    if (entry.type == DT_DIR) {
+        return true;
+    }
+    if (entry.type != DT_UNKNOWN && !(followLinks && entry.type == DT_LNK)) {
+        return false;
+    }
+    struct stat status;
+    WatchdogGuard guard;
+    return fstatat(directory.fd(), entry.name.c_str(), &status,
+                   followLinks ? 0 : AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISDIR(status.st_mode);
+}
+
+}  // namespace
+
+std::string_view entryName(const dirent& entry) {
+    const size_t room = entry.d_reclen - offsetof(dirent, d_name);
+    return {entry.d_name, strnlen(entry.d_name, room)};
+}
+
+OpenDirectory::OpenDirectory(const std::string& path) {
+    WatchdogGuard guard;
+    list(openat(AT_FDCWD, path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+OpenDirectory::OpenDirectory(const OpenDirectory& parent, const char* name, bool followLinks)
+    : parent_(&parent) {
+    WatchdogGuard guard;
+    list(openat(parent.fd(), name,
+                O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followLinks ? 0 : O_NOFOLLOW)));
+}
+
+OpenDirectory::~OpenDirectory() = default;
+
+void OpenDirectory::list(int fd) {
+    if (fd < 0) {
+        return;
+    }
+    DIR* stream = fdopendir(fd);
+    if (stream == nullptr) {
+        ::close(fd);
+        return;
+    }
+    stream_.reset(stream);
+    // Inode 0 marks an unknown identity, which never repeats an ancestor.
+    struct stat status;
+    if (fstat(fd, &status) == 0) {
+        device_ = status.st_dev;
+        inode_ = status.st_ino;
+    }
+    while (const dirent* entry = readdir(stream)) {
+        entries_.push_back({std::string(entryName(*entry)), entry->d_type});
+    }
+}
+
+int OpenDirectory::fd() const {
+    return dirfd(stream_.get());
+}
+
+bool OpenDirectory::repeatsAnAncestor() const {
+    for (const OpenDirectory* above = parent_; above != nullptr; above = above->parent_) {
+        if (inode_ != 0 && above->device_ == device_ && above->inode_ == inode_) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void OpenDirectory::close() {
+    stream_.reset();
+}
+
+bool walkEntry(const OpenDirectory& directory, const ListedEntry& entry, TreeVisitor& visitor) {
+    const char* name = entry.name.c_str();
+    if (entry.name == "." || entry.name == "..") {
+        return visitor.visitDot(directory, name);
+    }
+    if (!mayBeDirectory(directory, entry, visitor.followsLinks())) {
+        return visitor.visitEntry(directory, name);
+    }
+    std::optional<WatchdogGuard> levelGuard;
+    if (visitor.guardsEachLevel()) {
+        levelGuard.emplace();
+    }
+    OpenDirectory child(directory, name, visitor.followsLinks());
+    if (!child.isDirectory()) {
+        child.close();
+        levelGuard.reset();
+        return visitor.visitEntry(directory, name);
+    }
+    const bool walked = !child.repeatsAnAncestor() && walkTree(child, visitor);
+    child.close();
+    return visitor.leaveDirectory(directory, name, walked);
+}
+
+bool walkTree(const OpenDirectory& directory, TreeVisitor& visitor) {
+    for (const ListedEntry& entry : directory.entries()) {
+        if (!walkEntry(directory, entry, visitor)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace fsutil::internal

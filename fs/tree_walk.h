@@ -1,0 +1,118 @@
+// The one walk over directory trees behind removeRecursive, removeOlderThan
+// and changeOwnerRecursive. Not part of the library's interface.
+//
+// Every level is held by a descriptor: a subdirectory is opened relative to
+// its parent's descriptor, and each entry is acted on by name relative to the
+// descriptor of the directory it was listed in. Nothing is resolved twice from
+// a path, so a directory swapped for a link between the listing and the
+// action is met as the link, and a walk that does not follow links never
+// leaves the tree (a link is handed to visitEntry like any file).
+//
+// Guarded steps, as the operations built on this place them:
+//  - the listing of a level: the open, fdopendir and every readdir, under one
+//    guard; the stream is closed when the level is done;
+//  - the directory test of an entry is answered from the type readdir gave,
+//    and only when that type is unknown (or a link, for a walk that follows
+//    links) by fstatat under a guard, the existence test of a path walk. The
+//    probe that opens the entry as a directory is the listing of its level;
+//    an entry that does not open, or lists nothing, is no directory, the same
+//    answer as open, read one entry, close;
+//  - with guardEachLevel, a guard armed before a subdirectory is opened stays
+//    armed until its level is done and leaveDirectory has returned.
+#pragma once
+
+#include <dirent.h>
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace fsutil::internal {
+
+// The name of a directory entry. Linux records no name length in a dirent;
+// its name is padded with NULs up to the end of the record, which bounds the
+// search.
+std::string_view entryName(const dirent& entry);
+
+// A directory stream, closed when the owner goes.
+struct CloseDir {
+    void operator()(DIR* stream) const { closedir(stream); }
+};
+using DirStream = std::unique_ptr<DIR, CloseDir>;
+
+struct ListedEntry {
+    std::string name;
+    // As readdir reported it; DT_UNKNOWN when the file system does not say.
+    unsigned char type;
+};
+
+// One directory held open for a walk, with its entries as listed when it was
+// opened, in the system's order, "." and ".." included.
+class OpenDirectory {
+  public:
+    // Opens `path` (a link there is followed: the caller named it) and lists
+    // it.
+    explicit OpenDirectory(const std::string& path);
+    // Opens the entry `name` of `parent`, following a link there only with
+    // `followLinks`, and lists it.
+    OpenDirectory(const OpenDirectory& parent, const char* name, bool followLinks);
+    ~OpenDirectory();
+    OpenDirectory(const OpenDirectory&) = delete;
+    OpenDirectory& operator=(const OpenDirectory&) = delete;
+
+    // False when the path did not open as a directory or listed nothing: by
+    // the directory test it is not a directory.
+    bool isDirectory() const { return !entries_.empty(); }
+    // Valid while the level is open.
+    int fd() const;
+    const std::vector<ListedEntry>& entries() const { return entries_; }
+    // Whether this directory is also one of its own ancestors in the walk
+    // (reached again through a link or a bind mount).
+    bool repeatsAnAncestor() const;
+
+    // Closes the stream early; the walk does so before removing the level.
+    void close();
+
+  private:
+    void list(int fd);
+
+    DirStream stream_;
+    std::vector<ListedEntry> entries_;
+    const OpenDirectory* parent_ = nullptr;
+    dev_t device_ = 0;
+    ino_t inode_ = 0;
+};
+
+// What one kind of walk does at each entry; the walk decides only which
+// entries are directories to descend into, and in which order.
+class TreeVisitor {
+  public:
+    // Whether a link to a directory is descended into; otherwise it goes to
+    // visitEntry like a file.
+    virtual bool followsLinks() const = 0;
+    // Whether each subdirectory is walked under a guard of its own.
+    virtual bool guardsEachLevel() const = 0;
+    // "." or ".." of `directory`. False stops the walk.
+    virtual bool visitDot(const OpenDirectory& directory, const char* name) = 0;
+    // An entry of `directory` that is not descended into. False stops.
+    virtual bool visitEntry(const OpenDirectory& directory, const char* name) = 0;
+    // After the subdirectory `name` of `parent` was walked (closed by now),
+    // `walked` telling whether every entry below it was visited. Returns
+    // whether to go on.
+    virtual bool leaveDirectory(const OpenDirectory& parent, const char* name, bool walked) = 0;
+
+  protected:
+    ~TreeVisitor() = default;
+};
+
+// Visits the entries of `directory` in listing order, descending into
+// subdirectories; stops at the first visit that fails. A directory met again
+// below itself ends the walk with false.
+bool walkTree(const OpenDirectory& directory, TreeVisitor& visitor);
+
+// Visits one listed entry of `directory` as walkTree would.
+bool walkEntry(const OpenDirectory& directory, const ListedEntry& entry, TreeVisitor& visitor);
+
+}  // namespace fsutil::internal
