@@ -5,7 +5,7 @@ repo_root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 # Debian packages the build and the test suite need. libspdlog-dev is only a
 # baseline for one benchmark; the daemon does not link it.
 kel_packages=(cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev
-              libspdlog-dev libclang-rt-14-dev util-linux procps)
+              libspdlog-dev libclang-rt-14-dev util-linux procps libdw-dev)
 
 # Installs whatever of kel_packages is missing, with apt-get, once.
 kel_install_missing() {
