@@ -34,17 +34,19 @@ std::atomic<int> sFd{STDERR_FILENO};
 
 using Clock = std::chrono::steady_clock;
 
-// How long a line may wait for standard error to take it, the wait for the
-// lines ahead of it included, before it is dropped.
+// How long a line may wait for standard error to take it before it is
+// dropped. Lines ahead of it wait no longer, and once one has been dropped the
+// others do not wait at all, so no thread waits much longer than this.
 constexpr auto kWriteBound = std::chrono::milliseconds(100);
 
 // Serialises whole lines: a single write(2) is atomic for pipes only up to
 // PIPE_BUF, and a short write must be finished before another line starts.
-std::timed_mutex sWriteMutex;
-// Lines dropped since the last one written.
-std::atomic<uint64_t> sDropped{0};
-// A dropped line left its beginning behind: the next one starts a new line.
-bool sLineOpen = false;  // guarded by sWriteMutex
+std::mutex sWriteMutex;
+// Guarded by sWriteMutex: the lines dropped since the last one written, and
+// whether a dropped line left its beginning behind (the next one then starts
+// a new line).
+uint64_t sDropped = 0;
+bool sLineOpen = false;
 
 // Blocks SIGPIPE in the calling thread for the life of the scope, so that
 // writing to a reader that has gone fails with EPIPE instead of ending the
@@ -103,29 +105,23 @@ size_t writeBefore(int fd, const char* data, size_t size, Clock::time_point dead
 // for it until one has got through again, and that one is preceded by the
 // number of lines lost.
 void writeLine(int fd, const std::string& line) {
-    const auto deadline = Clock::now() + kWriteBound;
-    std::unique_lock lock(sWriteMutex, deadline);
-    if (!lock.owns_lock()) {
-        sDropped.fetch_add(1, std::memory_order_relaxed);
-        return;
-    }
-    const uint64_t dropped = sDropped.load(std::memory_order_relaxed);
+    std::lock_guard lock(sWriteMutex);
     std::string text = sLineOpen ? "\n" : "";
-    if (dropped > 0) {
+    if (sDropped > 0) {
         text += platform::stringPrintf(
-            "<3>%llu lines dropped: standard error did not take them "
-            "within %lld ms\n",
-            static_cast<unsigned long long>(dropped), static_cast<long long>(kWriteBound.count()));
+            "<3>%llu lines dropped: standard error did not take them within %lld ms\n",
+            static_cast<unsigned long long>(sDropped), static_cast<long long>(kWriteBound.count()));
     }
     text += line;
     const ScopedSigpipeBlock sigpipeBlock;
     const size_t written =
-        writeBefore(fd, text.data(), text.size(), dropped > 0 ? Clock::now() : deadline);
+        writeBefore(fd, text.data(), text.size(),
+                    Clock::now() + (sDropped > 0 ? Clock::duration{} : kWriteBound));
     if (written == text.size()) {
-        sDropped.fetch_sub(dropped, std::memory_order_relaxed);
+        sDropped = 0;
         sLineOpen = false;
     } else {
-        sDropped.fetch_add(1, std::memory_order_relaxed);
+        ++sDropped;
         sLineOpen = sLineOpen || written > 0;
     }
 }
