@@ -43,6 +43,10 @@ constexpr int kAcceptPauseMs = 1;
 // How long accepting pauses after it failed (descriptor shortage), unless a
 // client leaves first.
 constexpr int kAcceptRetryMs = 1000;
+// Descriptors that clients never take: the rest of the process (a stack
+// report and the debug information it reads, a log file) still gets some
+// when the clients have taken all they can.
+constexpr int kSpareDescriptors = 8;
 // What one wake-up reads from one client: enough to keep up with a client
 // that writes flat out, small enough that no client holds the thread.
 constexpr size_t kReadChunk = 16 * 1024;
@@ -242,7 +246,14 @@ void HelperServer::Impl::closeClient(int fd) {
 // A client that has already closed again (many do, under churn) is let go
 // at once, without ever being watched.
 void HelperServer::Impl::acceptClients() {
-    for (int accepted = 0; accepted < kAcceptsPerWake; ++accepted) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    // The kernel hands out the lowest free descriptor: a client would get
+    // the one this probe gets.
+    const UniqueFd probe(fcntl(listenFd.get(), F_DUPFD_CLOEXEC, 0));
+    bool roomLeft =
+        probe.valid() && static_cast<rlim_t>(probe.get() + kSpareDescriptors) < limit.rlim_cur;
+    for (int accepted = 0; roomLeft && accepted < kAcceptsPerWake; ++accepted) {
         UniqueFd client(platform::retryOnEintr([&] {
             return accept4(listenFd.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         }));
@@ -256,29 +267,29 @@ void HelperServer::Impl::acceptClients() {
         if (client.valid() && poll(&state, 1, 0) == 1 && (state.revents & POLLHUP) != 0) {
             continue;
         }
-        if (!client.valid() || !watch(client.get(), EPOLLIN)) {
-            // Out of descriptors (or memory), most likely. The listening
-            // socket stays readable, so accepting pauses until a client
-            // leaves or a while has passed, instead of failing in a loop.
-            if (!acceptFailureReported) {
-                const int error = errno;
-                acceptFailureReported = true;
-                rlimit limit{};
-                getrlimit(RLIMIT_NOFILE, &limit);
-                reportError(
-                    "cannot accept clients on %s: %s; new clients wait until one leaves (at "
-                    "most %llu open files)",
-                    socketPath.c_str(), strerror(error),
-                    static_cast<unsigned long long>(limit.rlim_cur));
-            }
-            pauseAccepting(kAcceptRetryMs);
-            return;
-        }
         const int fd = client.get();
-        clients.emplace(fd, std::move(client));
-        clientCount.fetch_add(1, std::memory_order_release);
+        roomLeft = client.valid() && watch(fd, EPOLLIN);
+        if (roomLeft) {
+            clients.emplace(fd, std::move(client));
+            clientCount.fetch_add(1, std::memory_order_release);
+            roomLeft = static_cast<rlim_t>(fd + 1 + kSpareDescriptors) < limit.rlim_cur;
+        }
     }
-    pauseAccepting(kAcceptPauseMs);
+    if (roomLeft) {
+        pauseAccepting(kAcceptPauseMs);
+        return;
+    }
+    // Out of descriptors (or memory), or nearly: the listening socket stays
+    // readable, so accepting pauses until a client leaves or a while has
+    // passed, instead of failing in a loop.
+    if (!acceptFailureReported) {
+        acceptFailureReported = true;
+        reportError(
+            "cannot accept more clients on %s: too many open files (at most %llu, %d of "
+            "them kept for the rest of the process); new clients wait until one leaves",
+            socketPath.c_str(), static_cast<unsigned long long>(limit.rlim_cur), kSpareDescriptors);
+    }
+    pauseAccepting(kAcceptRetryMs);
 }
 
 void HelperServer::Impl::pauseAccepting(int ms) {

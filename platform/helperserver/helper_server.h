@@ -19,11 +19,11 @@
 // it accepts more clients, so it holds no more descriptors than its live
 // clients plus a fixed few; it reads a bounded amount per client per wake-up,
 // so stop() returns within milliseconds whatever the clients send; and when
-// it runs out of descriptors it stops accepting until a client leaves (or a
-// second has passed) rather than retrying in a loop. Newcomers then wait in
-// the listening backlog instead of being dropped, as a reserve descriptor
-// would have them. Why it refused or failed goes to the system log at the
-// error level, one line each.
+// the process nears its limit of open files (8 are kept for the rest of it)
+// it stops accepting until a client leaves, or a second has passed, rather
+// than failing in a loop. Newcomers then wait in the listening backlog
+// instead of being accepted and dropped, as with a reserve descriptor. Why it
+// refused or failed goes to the system log at the error level, one line each.
 #pragma once
 
 #include <memory>
