@@ -6,7 +6,7 @@ repo_root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 # baseline for one benchmark; the daemon does not link it.
 kel_packages=(cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev
               libspdlog-dev libclang-rt-14-dev util-linux procps nlohmann-json3-dev
-              libsystemd-dev dbus-daemon pkg-config)
+              libsystemd-dev dbus-daemon pkg-config libdw-dev)
 
 # Installs whatever of kel_packages is missing, with apt-get, once.
 kel_install_missing() {

@@ -9,14 +9,23 @@
 //   daemon_figures sigterm-latency RUNS BINARY...
 //       Per binary: RUNS times, start it, wait until its SIGTERM watch is in
 //       place, send SIGTERM and time until the process has exited (its last
-//       line written). Prints the median and the spread.
+//       line written). Prints the median and the spread. A binary with a
+//       helper server socket is measured a second time with 64 clients that
+//       write to it as fast as they can.
+//
+//   daemon_figures churn SECONDS BINARY...
+//       Per binary: one client connects and closes in a loop for SECONDS while
+//       the binary's open descriptors are counted every millisecond. Prints
+//       the connections made, the descriptors open before the churn and the
+//       most seen during it, and the binary's CPU time as a share of one core.
+#include <linux/close_range.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <dirent.h>
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -26,9 +35,14 @@
 #include <vector>
 
 #include "tests/daemon/daemon_process.h"
+#include "tests/support/outside_probes.h"
 
+using kel::testing::cpuSeconds;
 using kel::testing::DaemonProcess;
+using kel::testing::openDescriptors;
 using kel::testing::TempDir;
+using kel::testing::unixSocketAt;
+using kel::testing::writeFlatOut;
 using namespace std::chrono_literals;
 
 namespace {
@@ -61,25 +75,13 @@ long voluntarySwitches(pid_t pid) {
     return total;
 }
 
-int connectClient(const std::string& socketPath) {
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 void idleCost(int seconds, const std::vector<std::string>& binaries) {
     std::printf("%-40s %12s %10s %8s\n", "binary", "vcsw/min", "VmRSS KiB", "threads");
     for (const std::string& binary : binaries) {
         TempDir runtime;
         DaemonProcess process(binary, {"KEL_HELPER_RUNTIME_DIR=" + runtime.path()});
         process.waitUntilSigtermIgnored(5s);
-        const int client = connectClient(runtime.path() + "/helper-server.sock");
+        const int client = unixSocketAt(runtime.path() + "/helper-server.sock");
         std::this_thread::sleep_for(3s);
         const long before = voluntarySwitches(process.pid());
         std::this_thread::sleep_for(std::chrono::seconds(seconds));
@@ -97,29 +99,87 @@ void idleCost(int seconds, const std::vector<std::string>& binaries) {
     }
 }
 
+// Milliseconds from SIGTERM to the exit of a freshly started `binary`, with
+// `clients` flat-out writers; a negative value when there is no such figure.
+double sigtermToExitMs(const std::string& binary, int clients) {
+    TempDir runtime;
+    DaemonProcess process(binary, {"KEL_HELPER_RUNTIME_DIR=" + runtime.path()});
+    if (!process.waitUntilSigtermIgnored(5s)) {
+        std::fprintf(stderr, "%s: SIGTERM watch never installed\n", binary.c_str());
+        return -1;
+    }
+    const std::string socketPath = runtime.path() + "/helper-server.sock";
+    if (clients > 0 && access(socketPath.c_str(), F_OK) != 0) {
+        return -1;
+    }
+    const auto writers = writeFlatOut(socketPath, clients);
+    // Let start-up finish, and the writers get going, so that only the
+    // shutdown is timed.
+    std::this_thread::sleep_for(clients > 0 ? 300ms : 100ms);
+    const auto start = std::chrono::steady_clock::now();
+    process.sendSignal(SIGTERM);
+    process.waitForExit(10s);
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+        .count();
+}
+
 void sigtermLatency(int runs, const std::vector<std::string>& binaries) {
-    std::printf("%-40s %10s %10s %10s\n", "binary", "median ms", "min ms", "max ms");
+    std::printf("%-50s %10s %10s %10s\n", "binary", "median ms", "min ms", "max ms");
     for (const std::string& binary : binaries) {
-        std::vector<double> samples;
-        for (int run = 0; run < runs; ++run) {
-            TempDir runtime;
-            DaemonProcess process(binary, {"KEL_HELPER_RUNTIME_DIR=" + runtime.path()});
-            if (!process.waitUntilSigtermIgnored(5s)) {
-                std::fprintf(stderr, "%s: SIGTERM watch never installed\n", binary.c_str());
-                return;
+        for (const int clients : {0, 64}) {
+            std::vector<double> samples;
+            for (int run = 0; run < runs; ++run) {
+                const double ms = sigtermToExitMs(binary, clients);
+                if (ms < 0) {
+                    break;
+                }
+                samples.push_back(ms);
             }
-            // Let start-up finish so that only the shutdown is timed.
-            std::this_thread::sleep_for(100ms);
-            const auto start = std::chrono::steady_clock::now();
-            process.sendSignal(SIGTERM);
-            process.waitForExit(5s);
-            samples.push_back(
-                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-                    .count());
+            if (samples.empty()) {
+                continue;
+            }
+            std::sort(samples.begin(), samples.end());
+            const std::string label = binary + " (" + std::to_string(clients) + " clients)";
+            std::printf("%-50s %10.2f %10.2f %10.2f\n", label.c_str(), samples[samples.size() / 2],
+                        samples.front(), samples.back());
         }
-        std::sort(samples.begin(), samples.end());
-        std::printf("%-40s %10.2f %10.2f %10.2f\n", binary.c_str(), samples[samples.size() / 2],
-                    samples.front(), samples.back());
+    }
+}
+
+void churn(int seconds, const std::vector<std::string>& binaries) {
+    std::printf("%-40s %12s %8s %8s %8s\n", "binary", "connections", "fds", "max fds", "CPU %");
+    for (const std::string& binary : binaries) {
+        TempDir runtime;
+        DaemonProcess process(binary, {"KEL_HELPER_RUNTIME_DIR=" + runtime.path()});
+        process.waitUntilSigtermIgnored(5s);
+        const std::string socketPath = runtime.path() + "/helper-server.sock";
+        const long fdsBefore = openDescriptors(process.pid());
+        std::atomic<bool> stop{false};
+        std::atomic<long> connections{0};
+        std::thread client([&] {
+            while (!stop.load(std::memory_order_relaxed)) {
+                const int fd = unixSocketAt(socketPath);
+                connections.fetch_add(fd >= 0, std::memory_order_relaxed);
+                close(fd);
+            }
+        });
+        const double cpuBefore = cpuSeconds(process.pid());
+        const auto start = std::chrono::steady_clock::now();
+        const auto end = start + std::chrono::seconds(seconds);
+        long maxFds = 0;
+        while (std::chrono::steady_clock::now() < end) {
+            maxFds = std::max(maxFds, openDescriptors(process.pid()));
+            std::this_thread::sleep_for(1ms);
+        }
+        const double elapsed =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        const double cpu = cpuSeconds(process.pid()) - cpuBefore;
+        stop = true;
+        client.join();
+        std::printf("%-40s %12ld %8ld %8ld %8.1f\n", binary.c_str(), connections.load(), fdsBefore,
+                    maxFds, 100.0 * cpu / elapsed);
+        process.sendSignal(SIGTERM);
+        process.waitForExit(5s);
     }
 }
 
@@ -128,10 +188,14 @@ void sigtermLatency(int runs, const std::vector<std::string>& binaries) {
 int main(int argc, char** argv) {
     if (argc < 4) {
         std::fprintf(stderr,
-                     "usage: %s idle-cost SECONDS BINARY... | sigterm-latency RUNS BINARY...\n",
+                     "usage: %s idle-cost SECONDS BINARY... | sigterm-latency RUNS BINARY... | "
+                     "churn SECONDS BINARY...\n",
                      argv[0]);
         return 2;
     }
+    // The binaries measured inherit nothing but standard input, output and
+    // error, so that their descriptor counts are their own.
+    close_range(3, ~0u, CLOSE_RANGE_CLOEXEC);
     const std::string mode = argv[1];
     const int count = std::atoi(argv[2]);
     const std::vector<std::string> binaries(argv + 3, argv + argc);
@@ -143,6 +207,8 @@ int main(int argc, char** argv) {
         idleCost(count, binaries);
     } else if (mode == "sigterm-latency") {
         sigtermLatency(count, binaries);
+    } else if (mode == "churn") {
+        churn(count, binaries);
     } else {
         std::fprintf(stderr, "%s: unknown mode '%s'\n", argv[0], mode.c_str());
         return 2;

@@ -15,7 +15,9 @@
 // handlers are short, so the wake-up budget wins. Handlers that may block for
 // long belong on a serial queue of their own.
 
+#include <errno.h>
 #include <signal.h>
+#include <string.h>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <sys/timerfd.h>
@@ -28,6 +30,7 @@
 #include "platform/dispatch/dispatch.h"
 #include "platform/dispatch/dispatch_internal.h"
 #include "platform/posix/unique_fd.h"
+#include "platform/systemlog/system_log.h"
 
 using dispatch::internal::Work;
 
@@ -295,6 +298,15 @@ dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t 
     // A source nobody could ever watch is not made at all: a caller that gets
     // one relies on it, for instance by ignoring the signal it reports.
     if (!fd.valid() || EventLoop::get() == nullptr) {
+        static const systemlog::Handle sLog = systemlog::create("org.kel.dispatch", "source");
+        const char* why = fd.valid() ? "no event thread" : strerror(errno);
+        if (type == DISPATCH_SOURCE_TYPE_SIGNAL) {
+            systemlog::write(sLog, systemlog::Level::kError,
+                             "cannot watch signal %d (%s): %s; it keeps its default action",
+                             signalNumber, strsignal(signalNumber), why);
+        } else {
+            systemlog::write(sLog, systemlog::Level::kError, "cannot make a timer: %s", why);
+        }
         return nullptr;
     }
     return new dispatch_source_s(type, signalNumber, std::move(fd),
@@ -344,24 +356,28 @@ void dispatch_activate(dispatch_source_t source) {
     // Start the event thread first: nothing slow may happen once a signal is
     // blocked (see below).
     EventLoop* loop = EventLoop::get();
-    std::lock_guard lock(source->mutex_);
-    if (!loop || source->activated_ || source->cancelled_.load(std::memory_order_relaxed)) {
-        return;
+    {
+        std::lock_guard lock(source->mutex_);
+        if (!loop || source->activated_ || source->cancelled_.load(std::memory_order_relaxed)) {
+            return;
+        }
+        source->activated_ = true;
+        source->registered_ = loop->add(source);
+        if (!source->registered_ || source->type_ != DISPATCH_SOURCE_TYPE_SIGNAL) {
+            return;
+        }
     }
-    source->activated_ = true;
-    source->registered_ = loop->add(source);
-    if (source->registered_ && source->type_ == DISPATCH_SOURCE_TYPE_SIGNAL) {
-        // Blocking is the last step. Until here the signal keeps its default
-        // action; from here on it stays pending until the signalfd reads it,
-        // even once its disposition is set to ignore. There is one window left,
-        // and it belongs to the caller: setting the disposition to ignore
-        // discards an instance that is pending at that moment. Returning right
-        // after blocking keeps that window to the caller's next statement.
-        sigset_t set;
-        sigemptyset(&set);
-        sigaddset(&set, source->signalNumber_);
-        pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    }
+    // Blocking is the very last step. Until here the signal keeps its default
+    // action; from here on it stays pending until the signalfd reads it, even
+    // once its disposition is set to ignore. One window is left, and it
+    // belongs to the caller: setting the disposition to ignore discards an
+    // instance that is pending at that moment and that the event thread has
+    // not read yet. Returning right after blocking keeps that window to the
+    // caller's next statement.
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, source->signalNumber_);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
 void dispatch_source_cancel(dispatch_source_t source) {

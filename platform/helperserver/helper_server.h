@@ -1,15 +1,29 @@
 // The helper server and the trace facilities that go with it.
 //
 // The helper server is a local service on a Unix-domain stream socket. It is
-// busy while at least one client connection is open. Only one process on the
-// machine hosts it at a time: hosting is guarded by an exclusive lock on a
-// lock file that the hosting process keeps until it exits.
+// busy while at least one client connection is open; a client that has only
+// shut down its writing side still counts until it closes, since it may still
+// be waiting for the server. Only one process on the machine hosts it at a
+// time: hosting is guarded by an exclusive lock on a lock file that the
+// hosting process keeps until it exits.
 //
 // The socket and lock paths have build-time defaults that work for root and
 // for an ordinary user. The environment variable KEL_HELPER_RUNTIME_DIR, when
 // set, moves both under that folder so that several instances can run side by
-// side (tests do this). The trace folders that go with the server are in
-// platform/trace.
+// side (tests do this). A listening socket handed over by a service manager
+// (LISTEN_PID and LISTEN_FDS) is used instead of binding one; such a socket
+// belongs to the manager and is never unlinked. The trace folders that go
+// with the server are in platform/trace.
+//
+// Under load the server stays responsive and small: it reaps hang-ups before
+// it accepts more clients, so it holds no more descriptors than its live
+// clients plus a fixed few; it reads a bounded amount per client per wake-up,
+// so stop() returns within milliseconds whatever the clients send; and when
+// the process nears its limit of open files (8 are kept for the rest of it)
+// it stops accepting until a client leaves, or a second has passed, rather
+// than failing in a loop. Newcomers then wait in the listening backlog
+// instead of being accepted and dropped, as with a reserve descriptor. Why it
+// refused or failed goes to the system log at the error level, one line each.
 #pragma once
 
 #include <memory>
@@ -28,8 +42,10 @@ namespace kel {
 
 class HelperServer {
   public:
-    // A server that reports through `logServer` (which may be empty). Null when
-    // the listening socket cannot be made.
+    // A server that holds `logServer` (which may be empty). Null when the
+    // listening socket cannot be made. Only a socket that nobody accepts on
+    // any more (left by a holder that died) is replaced at the path; anything
+    // else there is a refusal.
     [[nodiscard]] static std::shared_ptr<HelperServer> create(
         std::shared_ptr<lum::LogServer> logServer);
 

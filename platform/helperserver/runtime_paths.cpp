@@ -1,8 +1,14 @@
 #include "platform/helperserver/runtime_paths.h"
 
-#include <cstdlib>
+#include <errno.h>
 
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/logserver/log.h"
 #include "platform/posix/file_util.h"
+#include "platform/strings/format.h"
 
 namespace kel::runtime_paths {
 
@@ -30,7 +36,21 @@ std::string lockPath() {
 
 bool ensureRuntimeDir() {
     const char* dir = runtimeDir();
-    return dir == nullptr || platform::makeDirectories(dir, 0755);
+    if (dir == nullptr || platform::makeDirectories(dir, 0755)) {
+        return true;
+    }
+    reportError("cannot make the runtime folder %s: %s", dir, strerror(errno));
+    return false;
+}
+
+void reportError(const char* format, ...) {
+    static const systemlog::Handle sLog =
+        systemlog::create(lum::kTelephonySubsystem, "HelperServer");
+    va_list args;
+    va_start(args, format);
+    const std::string text = platform::stringPrintfV(format, args);
+    va_end(args);
+    systemlog::write(sLog, systemlog::Level::kError, "%s", text.c_str());
 }
 
 }  // namespace kel::runtime_paths

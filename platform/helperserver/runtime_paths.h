@@ -11,7 +11,12 @@ namespace kel::runtime_paths {
 [[nodiscard]] std::string lockPath();
 
 // Creates KEL_HELPER_RUNTIME_DIR and its parents when it is set and missing.
-// Returns false when the folder is not there and cannot be made.
+// Returns false, having said why in the system log, when the folder is not
+// there and cannot be made.
 [[nodiscard]] bool ensureRuntimeDir();
+
+// Writes one line at the error level of the system log: how the helper-server
+// library says why it refused or failed, in words a user can act on.
+void reportError(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace kel::runtime_paths

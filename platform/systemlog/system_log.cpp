@@ -1,14 +1,18 @@
 #include "platform/systemlog/system_log.h"
 
+#include <limits.h>
+#include <poll.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdarg>
 #include <mutex>
 #include <set>
 #include <string>
 
-#include "platform/posix/file_util.h"
 #include "platform/strings/format.h"
 
 namespace systemlog {
@@ -28,9 +32,99 @@ namespace {
 std::atomic<bool> sEnabled[2] = {true, true};
 std::atomic<int> sFd{STDERR_FILENO};
 
+using Clock = std::chrono::steady_clock;
+
+// How long a line may wait for standard error to take it before it is
+// dropped. Lines ahead of it wait no longer, and once one has been dropped the
+// others do not wait at all, so no thread waits much longer than this.
+constexpr auto kWriteBound = std::chrono::milliseconds(100);
+
 // Serialises whole lines: a single write(2) is atomic for pipes only up to
 // PIPE_BUF, and a short write must be finished before another line starts.
 std::mutex sWriteMutex;
+// Guarded by sWriteMutex: the lines dropped since the last one written, and
+// whether a dropped line left its beginning behind (the next one then starts
+// a new line).
+uint64_t sDropped = 0;
+bool sLineOpen = false;
+
+// Blocks SIGPIPE in the calling thread for the life of the scope, so that
+// writing to a reader that has gone fails with EPIPE instead of ending the
+// process. A SIGPIPE raised meanwhile is consumed on the way out; one that was
+// pending before is left alone, and no disposition changes.
+class ScopedSigpipeBlock {
+  public:
+    ScopedSigpipeBlock() {
+        sigemptyset(&sigpipe_);
+        sigaddset(&sigpipe_, SIGPIPE);
+        wasPending_ = pending();
+        pthread_sigmask(SIG_BLOCK, &sigpipe_, &previous_);
+    }
+    ~ScopedSigpipeBlock() {
+        if (!wasPending_ && pending()) {
+            const timespec now{};
+            sigtimedwait(&sigpipe_, nullptr, &now);
+        }
+        pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+    }
+    ScopedSigpipeBlock(const ScopedSigpipeBlock&) = delete;
+    ScopedSigpipeBlock& operator=(const ScopedSigpipeBlock&) = delete;
+
+  private:
+    static bool pending() {
+        sigset_t set;
+        return sigpending(&set) == 0 && sigismember(&set, SIGPIPE) == 1;
+    }
+    sigset_t sigpipe_;
+    sigset_t previous_;
+    bool wasPending_;
+};
+
+// Writes `size` bytes to `fd` unless it stops taking them until `deadline`;
+// returns how many it wrote. Pieces of at most PIPE_BUF bytes, each after the
+// descriptor polled writable: a pipe takes such a piece whole without
+// blocking, and a socket has room for it.
+size_t writeBefore(int fd, const char* data, size_t size, Clock::time_point deadline) {
+    size_t done = 0;
+    while (done < size) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        pollfd pfd{fd, POLLOUT, 0};
+        const int ready = poll(&pfd, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+        const ssize_t written =
+            ready <= 0 ? -1 : ::write(fd, data + done, std::min<size_t>(size - done, PIPE_BUF));
+        if (written > 0) {
+            done += static_cast<size_t>(written);
+        } else if (ready == 0 || (errno != EINTR && errno != EAGAIN)) {
+            break;
+        }
+    }
+    return done;
+}
+
+// Once standard error fails to take a line in time, later lines do not wait
+// for it until one has got through again, and that one is preceded by the
+// number of lines lost.
+void writeLine(int fd, const std::string& line) {
+    std::lock_guard lock(sWriteMutex);
+    std::string text = sLineOpen ? "\n" : "";
+    if (sDropped > 0) {
+        text += platform::stringPrintf(
+            "<3>%llu lines dropped: standard error did not take them within %lld ms\n",
+            static_cast<unsigned long long>(sDropped), static_cast<long long>(kWriteBound.count()));
+    }
+    text += line;
+    const ScopedSigpipeBlock sigpipeBlock;
+    const size_t written =
+        writeBefore(fd, text.data(), text.size(),
+                    Clock::now() + (sDropped > 0 ? Clock::duration{} : kWriteBound));
+    if (written == text.size()) {
+        sDropped = 0;
+        sLineOpen = false;
+    } else {
+        ++sDropped;
+        sLineOpen = sLineOpen || written > 0;
+    }
+}
 
 struct Registry {
     std::mutex mutex;
@@ -45,12 +139,6 @@ Registry& registry() {
 
 int indexOf(Level level) {
     return level == Level::kError ? 1 : 0;
-}
-
-void writeLine(int fd, const std::string& line) {
-    std::lock_guard lock(sWriteMutex);
-    // A failure has nowhere left to be reported.
-    (void)platform::writeAll(fd, line.data(), line.size());
 }
 
 }  // namespace

@@ -4,10 +4,18 @@
 // On Linux every message becomes one line on standard error, prefixed with the
 // sd-daemon priority ("<5>" default, "<3>" error) so that a systemd service
 // gets the right journal priority and a terminal shows the text. Each message
-// is written with a single write(2) and never sits in a stdio buffer, so a
-// process that exits right after logging loses nothing. A line feed inside a
-// message is written as "\n" (backslash, n), one at its very end is dropped:
-// one message is always one line.
+// is written with a single write(2) (pieces of PIPE_BUF bytes for longer ones)
+// and never sits in a stdio buffer, so a process that exits right after
+// logging loses nothing. A line feed inside a message is written as "\n"
+// (backslash, n), one at its very end is dropped: one message is always one
+// line.
+//
+// Standard error never holds the process up for long nor ends it: a line that
+// it does not take within 100 ms is dropped, and so is every later one that
+// it does not take at once, until it takes one again, which is then preceded
+// by an error line with the number of lines lost. A reader that has gone makes the write fail with
+// EPIPE: the writing thread blocks SIGPIPE around its write and consumes the one it raised, and no
+// signal's disposition is touched.
 #pragma once
 
 namespace systemlog {

@@ -2,6 +2,7 @@
 
 #include <cxxabi.h>
 #include <dlfcn.h>
+#include <elfutils/libdwfl.h>
 #include <errno.h>
 #include <execinfo.h>
 #include <fcntl.h>
@@ -15,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/posix/file_util.h"
@@ -139,29 +141,71 @@ std::string schedulerState(pid_t tid) {
     return close != std::string::npos && close + 2 < stat.size() ? stat.substr(close + 2, 1) : "?";
 }
 
-std::string describeFrame(void* address) {
-    char line[1024];
-    Dl_info info{};
-    if (dladdr(address, &info) == 0) {
-        snprintf(line, sizeof line, "%p ??", address);
-        return line;
+// Functions, source files and lines of code addresses in this process, from
+// the symbol tables and debug information of the executable and its
+// libraries. Made for one report, on the monitor thread: reading them
+// allocates and opens files.
+class Symbolizer {
+  public:
+    Symbolizer() {
+        static const Dwfl_Callbacks kCallbacks = {dwfl_linux_proc_find_elf,
+                                                  dwfl_standard_find_debuginfo, nullptr, nullptr};
+        dwfl_ = dwfl_begin(&kCallbacks);
+        if (dwfl_ != nullptr && (dwfl_linux_proc_report(dwfl_, getpid()) != 0 ||
+                                 dwfl_report_end(dwfl_, nullptr, nullptr) != 0)) {
+            dwfl_end(std::exchange(dwfl_, nullptr));
+        }
     }
-    const char* object = info.dli_fname != nullptr ? info.dli_fname : "??";
-    if (info.dli_sname == nullptr) {
-        snprintf(
-            line, sizeof line, "%p (%s+%#zx)", address, object,
-            static_cast<size_t>(static_cast<char*>(address) - static_cast<char*>(info.dli_fbase)));
-        return line;
+    ~Symbolizer() { dwfl_end(dwfl_); }
+    Symbolizer(const Symbolizer&) = delete;
+    Symbolizer& operator=(const Symbolizer&) = delete;
+
+    // "%p function+offset (object) at file:line", with what is known of it.
+    std::string describe(void* address) const {
+        const auto pc = reinterpret_cast<uintptr_t>(address);
+        Dwfl_Module* module = dwfl_ != nullptr ? dwfl_addrmodule(dwfl_, pc) : nullptr;
+        Dl_info info{};
+        if (dladdr(address, &info) == 0) {
+            info = {};
+        }
+        GElf_Off offset = 0;
+        const char* name = info.dli_sname;
+        if (name != nullptr) {
+            offset = pc - reinterpret_cast<uintptr_t>(info.dli_saddr);
+        } else if (module != nullptr) {
+            GElf_Sym symbol;
+            name = dwfl_module_addrinfo(module, pc, &offset, &symbol, nullptr, nullptr, nullptr);
+        }
+        const char* object = info.dli_fname != nullptr ? info.dli_fname : "??";
+        std::string text;
+        if (name == nullptr) {
+            text = platform::stringPrintf(
+                "%p (%s+%#zx)", address, object,
+                static_cast<size_t>(pc - reinterpret_cast<uintptr_t>(info.dli_fbase)));
+        } else {
+            int status = 0;
+            char* demangled = abi::__cxa_demangle(name, nullptr, nullptr, &status);
+            text = platform::stringPrintf("%p %s+%#zx (%s)", address,
+                                          status == 0 && demangled != nullptr ? demangled : name,
+                                          static_cast<size_t>(offset), object);
+            free(demangled);
+        }
+        // A return address is just past its call: the call's line is the one
+        // of the byte before it.
+        Dwfl_Line* line = module != nullptr ? dwfl_module_getsrc(module, pc - 1) : nullptr;
+        int lineNumber = 0;
+        const char* file =
+            line != nullptr ? dwfl_lineinfo(line, nullptr, &lineNumber, nullptr, nullptr, nullptr)
+                            : nullptr;
+        if (file != nullptr) {
+            text += platform::stringPrintf(" at %s:%d", file, lineNumber);
+        }
+        return text;
     }
-    int status = 0;
-    char* demangled = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
-    snprintf(line, sizeof line, "%p %s+%#zx (%s)", address,
-             status == 0 && demangled != nullptr ? demangled : info.dli_sname,
-             static_cast<size_t>(static_cast<char*>(address) - static_cast<char*>(info.dli_saddr)),
-             object);
-    free(demangled);
-    return line;
-}
+
+  private:
+    Dwfl* dwfl_ = nullptr;
+};
 
 std::string wallClockNow() {
     timespec ts;
@@ -202,6 +246,11 @@ std::string writeSnapshotFile(pid_t tid, const std::vector<std::string>& lines) 
 }  // namespace
 
 void writeStackReport(pid_t tid, const char* reason, int32_t timeoutMs, int64_t armedAgoMs) {
+    // What the thread is blocked in, read while it still is: the capture
+    // signal wakes it.
+    const std::string blockedIn = "state: " + schedulerState(tid) +
+                                  ", wchan: " + readProcFile(tid, "wchan") +
+                                  ", syscall: " + readProcFile(tid, "syscall");
     const int depth = captureStack(tid);
 
     std::vector<std::string> lines;
@@ -211,16 +260,16 @@ void writeStackReport(pid_t tid, const char* reason, int32_t timeoutMs, int64_t 
     lines.push_back("thread: " + std::to_string(tid) + " \"" + readProcFile(tid, "comm") + "\"");
     lines.push_back("timeout: " + std::to_string(timeoutMs) + " ms, armed " +
                     std::to_string(armedAgoMs) + " ms ago");
-    lines.push_back("state: " + schedulerState(tid) + ", wchan: " + readProcFile(tid, "wchan") +
-                    ", syscall: " + readProcFile(tid, "syscall"));
+    lines.push_back(blockedIn);
     if (depth == 0) {
         lines.push_back("backtrace: unavailable (the thread did not answer)");
     } else {
         lines.push_back("backtrace:");
+        const Symbolizer symbolizer;
         // Frame 0 is the signal handler itself.
         for (int i = 1; i < depth; ++i) {
             lines.push_back("  #" + std::to_string(i - 1) + " " +
-                            describeFrame(sCapture.frames[i]));
+                            symbolizer.describe(sCapture.frames[i]));
         }
     }
     const std::string file = writeSnapshotFile(tid, lines);

@@ -3,10 +3,12 @@
 //
 // A report names the reason, the time, the process, the thread that armed the
 // guard (id and name), what that thread is blocked in (scheduler state, wait
-// channel, system call, from /proc) and its symbolised backtrace, captured by
-// the thread itself in a handler of platform::stackReportSignal(). It is
-// written to the system log at the error level, one line per call, and to a
-// file of its own in kel::trace::kSnapshotFolder.
+// channel, system call, from /proc, read before the thread is signalled) and
+// its backtrace, captured by the thread itself in a handler of
+// platform::stackReportSignal() and symbolised afterwards on the monitor
+// thread, with source files and lines where there is debug information. It
+// is written to the system log at the error level, one line per call, and to
+// a file of its own in kel::trace::kSnapshotFolder.
 #pragma once
 
 #include <stdint.h>

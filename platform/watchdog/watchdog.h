@@ -12,12 +12,20 @@
 // A report is written once per expired guard, at the error level of the system
 // log (one line per call) and to a file in kel::trace::kSnapshotFolder. It
 // carries the time, the reason, the process id, the id and name of the thread
-// that armed the guard, what that thread is blocked in, and its symbolized
-// backtrace. The step itself is neither cancelled nor disturbed: the backtrace
-// is taken by a signal handler (platform::stackReportSignal(), installed with
-// SA_RESTART) that keeps errno, and a restartable system call is restarted.
-// Symbols of the executable resolve only when it exports them (-rdynamic, or
-// ENABLE_EXPORTS in CMake); otherwise frames show the object and offset.
+// that armed the guard, what that thread is blocked in (read before the
+// thread is disturbed), and its backtrace with function names and, where the
+// binaries carry debug information, source files and lines.
+//
+// The step itself is not cancelled. The backtrace is taken by the thread
+// itself, in a handler of platform::stackReportSignal() installed with
+// SA_RESTART that keeps errno, so a call the kernel restarts after a handler
+// sees nothing: read, write, open, wait, flock and fcntl(F_SETLKW), and the
+// other calls of the file-system library. The calls that the kernel never
+// restarts end early with EINTR once a capture has run: poll, ppoll, select,
+// pselect, epoll_wait, nanosleep, clock_nanosleep, pause, sigsuspend,
+// sigtimedwait, semop, semtimedop, io_getevents, and socket calls under a
+// time-out (SO_RCVTIMEO, SO_SNDTIMEO). A step that makes such a call under a
+// guard must be ready to repeat it.
 //
 // A forked child starts with no armed guard and its own monitor.
 #pragma once

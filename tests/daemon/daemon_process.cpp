@@ -30,7 +30,7 @@ int remainingMs(Clock::time_point deadline) {
 }  // namespace
 
 DaemonProcess::DaemonProcess(const std::string& binary,
-                             const std::vector<std::string>& extraEnvironment) {
+                             const std::vector<std::string>& extraEnvironment, int stderrFd) {
     std::vector<std::string> environment;
     for (char** entry = environ; *entry != nullptr; ++entry) {
         environment.emplace_back(*entry);
@@ -42,10 +42,11 @@ DaemonProcess::DaemonProcess(const std::string& binary,
     }
     envp.push_back(nullptr);
 
-    int pipeFds[2];
-    if (pipe2(pipeFds, O_CLOEXEC) != 0) {
+    int pipeFds[2] = {-1, stderrFd};
+    if (stderrFd < 0 && pipe2(pipeFds, O_CLOEXEC) != 0) {
         throw std::runtime_error("pipe2 failed");
     }
+    endOfOutput_ = stderrFd >= 0;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
@@ -68,7 +69,9 @@ DaemonProcess::DaemonProcess(const std::string& binary,
     const int error = posix_spawn(&pid_, binary.c_str(), &actions, &attributes, argv, envp.data());
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
-    close(pipeFds[1]);
+    if (stderrFd < 0) {
+        close(pipeFds[1]);
+    }
     if (error != 0) {
         close(pipeFds[0]);
         throw std::runtime_error("posix_spawn failed for " + binary);
@@ -93,6 +96,9 @@ DaemonProcess::~DaemonProcess() {
 }
 
 bool DaemonProcess::readMore(Clock::time_point deadline) {
+    if (endOfOutput_) {
+        return false;
+    }
     pollfd pfd{stderrFd_, POLLIN, 0};
     const int ready = poll(&pfd, 1, remainingMs(deadline));
     if (ready <= 0) {

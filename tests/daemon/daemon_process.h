@@ -28,8 +28,10 @@ struct ExitStatus {
 class DaemonProcess {
   public:
     // Starts `binary` with the current environment plus `extraEnvironment`
-    // ("NAME=value" entries).
-    DaemonProcess(const std::string& binary, const std::vector<std::string>& extraEnvironment);
+    // ("NAME=value" entries). With `stderrFd`, the child's standard error is
+    // that descriptor instead, and no output is collected.
+    DaemonProcess(const std::string& binary, const std::vector<std::string>& extraEnvironment,
+                  int stderrFd = -1);
     ~DaemonProcess();
     DaemonProcess(const DaemonProcess&) = delete;
     DaemonProcess& operator=(const DaemonProcess&) = delete;
