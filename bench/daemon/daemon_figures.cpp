@@ -10,6 +10,14 @@
 //       Per binary: RUNS times, start it, wait until its SIGTERM watch is in
 //       place, send SIGTERM and time until the process has exited (its last
 //       line written). Prints the median and the spread.
+//
+//   daemon_figures start-latency RUNS BINARY...
+//       Per binary: RUNS times, start it and time until a client's connect to
+//       the helper server socket succeeds, trying every 100 us. Prints the
+//       median and the spread.
+//
+// Every run has its paths in a scratch folder and the daemon's own log file
+// turned on there.
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -21,6 +29,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,6 +38,7 @@
 #include "tests/daemon/daemon_process.h"
 
 using kel::testing::DaemonProcess;
+using kel::testing::isolatedEnvironment;
 using kel::testing::TempDir;
 using namespace std::chrono_literals;
 
@@ -61,6 +72,12 @@ long voluntarySwitches(pid_t pid) {
     return total;
 }
 
+// A process of `binary` with every path under `runtime` and its log file on.
+std::unique_ptr<DaemonProcess> startWithLogFile(const std::string& binary, const TempDir& runtime) {
+    std::ofstream(runtime.file("org.kel.basebandmanager.json")) << R"({"kel.enabled": "yes"})";
+    return std::make_unique<DaemonProcess>(binary, isolatedEnvironment(runtime.path()));
+}
+
 int connectClient(const std::string& socketPath) {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
@@ -77,7 +94,8 @@ void idleCost(int seconds, const std::vector<std::string>& binaries) {
     std::printf("%-40s %12s %10s %8s\n", "binary", "vcsw/min", "VmRSS KiB", "threads");
     for (const std::string& binary : binaries) {
         TempDir runtime;
-        DaemonProcess process(binary, {"KEL_HELPER_RUNTIME_DIR=" + runtime.path()});
+        const auto started = startWithLogFile(binary, runtime);
+        DaemonProcess& process = *started;
         process.waitUntilSigtermIgnored(5s);
         const int client = connectClient(runtime.path() + "/helper-server.sock");
         std::this_thread::sleep_for(3s);
@@ -97,25 +115,22 @@ void idleCost(int seconds, const std::vector<std::string>& binaries) {
     }
 }
 
-void sigtermLatency(int runs, const std::vector<std::string>& binaries) {
+// Runs `measure` RUNS times per binary, each on a fresh process, and prints
+// the median and the spread of what it returns, in milliseconds.
+void timeRuns(int runs, const std::vector<std::string>& binaries,
+              const std::function<double(DaemonProcess&, const TempDir&)>& measure) {
     std::printf("%-40s %10s %10s %10s\n", "binary", "median ms", "min ms", "max ms");
     for (const std::string& binary : binaries) {
         std::vector<double> samples;
         for (int run = 0; run < runs; ++run) {
             TempDir runtime;
-            DaemonProcess process(binary, {"KEL_HELPER_RUNTIME_DIR=" + runtime.path()});
-            if (!process.waitUntilSigtermIgnored(5s)) {
-                std::fprintf(stderr, "%s: SIGTERM watch never installed\n", binary.c_str());
+            const auto process = startWithLogFile(binary, runtime);
+            const double sample = measure(*process, runtime);
+            if (sample < 0) {
+                std::fprintf(stderr, "%s: run %d failed\n", binary.c_str(), run);
                 return;
             }
-            // Let start-up finish so that only the shutdown is timed.
-            std::this_thread::sleep_for(100ms);
-            const auto start = std::chrono::steady_clock::now();
-            process.sendSignal(SIGTERM);
-            process.waitForExit(5s);
-            samples.push_back(
-                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-                    .count());
+            samples.push_back(sample);
         }
         std::sort(samples.begin(), samples.end());
         std::printf("%-40s %10.2f %10.2f %10.2f\n", binary.c_str(), samples[samples.size() / 2],
@@ -123,12 +138,47 @@ void sigtermLatency(int runs, const std::vector<std::string>& binaries) {
     }
 }
 
+double millisecondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+        .count();
+}
+
+double sigtermToExit(DaemonProcess& process, const TempDir&) {
+    if (!process.waitUntilSigtermIgnored(5s)) {
+        return -1;
+    }
+    // Let start-up finish so that only the shutdown is timed.
+    std::this_thread::sleep_for(100ms);
+    const auto start = std::chrono::steady_clock::now();
+    process.sendSignal(SIGTERM);
+    process.waitForExit(5s);
+    return millisecondsSince(start);
+}
+
+double startToFirstClient(DaemonProcess& process, const TempDir& runtime) {
+    const auto deadline = process.startTime() + 5s;
+    int client;
+    while ((client = connectClient(runtime.path() + "/helper-server.sock")) < 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return -1;
+        }
+        std::this_thread::sleep_for(100us);
+    }
+    const double elapsed = millisecondsSince(process.startTime());
+    close(client);
+    process.waitUntilSigtermIgnored(5s);
+    process.sendSignal(SIGTERM);
+    process.waitForExit(5s);
+    return elapsed;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc < 4) {
         std::fprintf(stderr,
-                     "usage: %s idle-cost SECONDS BINARY... | sigterm-latency RUNS BINARY...\n",
+                     "usage: %s idle-cost SECONDS BINARY... | sigterm-latency RUNS BINARY..."
+                     " | start-latency RUNS BINARY...\n",
                      argv[0]);
         return 2;
     }
@@ -142,7 +192,9 @@ int main(int argc, char** argv) {
     if (mode == "idle-cost") {
         idleCost(count, binaries);
     } else if (mode == "sigterm-latency") {
-        sigtermLatency(count, binaries);
+        timeRuns(count, binaries, sigtermToExit);
+    } else if (mode == "start-latency") {
+        timeRuns(count, binaries, startToFirstClient);
     } else {
         std::fprintf(stderr, "%s: unknown mode '%s'\n", argv[0], mode.c_str());
         return 2;
