@@ -1,13 +1,16 @@
 // kelhelperd: hosts the helper server until it goes idle or SIGTERM arrives.
 //
 // It takes no arguments, reads no environment variable and always exits with
-// status 0. Shutdown runs in a fixed order: stop the helper server, report
-// "Exit!", flush and close the log server, then drop the helper server and the
-// log server.
+// status 0. Its own log file, when the preference turns it on, is opened before
+// the log server starts, so that it gets every record of the run. Shutdown runs
+// in a fixed order: stop the helper server, report "Exit!", flush and close the
+// log server, close the log file, then drop the helper server, the log file's
+// writer and the log server.
 #include <memory>
 #include <string>
 
 #include "daemon/log_emission.h"
+#include "daemon/log_file.h"
 #include "daemon/watches.h"
 #include "platform/dispatch/dispatch.h"
 #include "platform/helperserver/helper_server.h"
@@ -49,8 +52,10 @@ void shutDownLogging(const std::shared_ptr<lum::LogServer>& logServer) {
 }  // namespace
 
 int main(int /*argc*/, char** /*argv*/) {
+    std::shared_ptr<FlatFileLogWriter> writer = kel::prepareLogFile();
     std::shared_ptr<lum::LogServer> logServer = lum::LogServer::create(getprogname());
     if (logServer) {
+        kel::attachLogFile(logServer, writer);
         logServer->start();
     }
 
@@ -75,8 +80,10 @@ int main(int /*argc*/, char** /*argv*/) {
     if (logServer) {
         shutDownLogging(logServer);
     }
+    kel::closeLogFile(writer);
 
     server.reset();
+    writer.reset();
     logServer.reset();
     return 0;
 }

@@ -3,10 +3,12 @@
 repo_root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
 # Debian packages the build and the test suite need. libspdlog-dev is only a
-# baseline for one benchmark; the daemon does not link it.
+# baseline for one benchmark; the daemon does not link it. systemd brings
+# systemd-analyze and systemd-socket-activate (no service manager needs to
+# run); dpkg-dev, socat and strace serve the package test.
 kel_packages=(cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev
               libspdlog-dev libclang-rt-14-dev util-linux procps nlohmann-json3-dev
-              libsystemd-dev dbus-daemon pkg-config libdw-dev)
+              libsystemd-dev dbus-daemon pkg-config libdw-dev systemd dpkg-dev socat strace)
 
 # Installs whatever of kel_packages is missing, with apt-get, once.
 kel_install_missing() {

@@ -9,18 +9,26 @@
 //   daemon_figures sigterm-latency RUNS BINARY...
 //       Per binary: RUNS times, start it, wait until its SIGTERM watch is in
 //       place, send SIGTERM and time until the process has exited (its last
-//       line written). Prints the median and the spread. A binary with a
-//       helper server socket is measured a second time with 64 clients that
-//       write to it as fast as they can.
+//       line written). Prints the median and the spread, first with no
+//       client, then with 64 clients that write to the helper server socket
+//       as fast as they can.
 //
 //   daemon_figures churn SECONDS BINARY...
 //       Per binary: one client connects and closes in a loop for SECONDS while
 //       the binary's open descriptors are counted every millisecond. Prints
 //       the connections made, the descriptors open before the churn and the
 //       most seen during it, and the binary's CPU time as a share of one core.
-#include <linux/close_range.h>
+//
+//   daemon_figures start-latency RUNS BINARY...
+//       Per binary: RUNS times, start it and time until a client's connect to
+//       the helper server socket succeeds, trying every 100 us. Prints the
+//       median and the spread.
+//
+// Every run has its paths in a scratch folder and the daemon's own log file
+// turned on there.
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <dirent.h>
@@ -30,6 +38,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -39,6 +49,7 @@
 
 using kel::testing::cpuSeconds;
 using kel::testing::DaemonProcess;
+using kel::testing::isolatedEnvironment;
 using kel::testing::openDescriptors;
 using kel::testing::TempDir;
 using kel::testing::unixSocketAt;
@@ -75,11 +86,18 @@ long voluntarySwitches(pid_t pid) {
     return total;
 }
 
+// A process of `binary` with every path under `runtime` and its log file on.
+std::unique_ptr<DaemonProcess> startWithLogFile(const std::string& binary, const TempDir& runtime) {
+    std::ofstream(runtime.file("org.kel.basebandmanager.json")) << R"({"kel.enabled": "yes"})";
+    return std::make_unique<DaemonProcess>(binary, isolatedEnvironment(runtime.path()));
+}
+
 void idleCost(int seconds, const std::vector<std::string>& binaries) {
     std::printf("%-40s %12s %10s %8s\n", "binary", "vcsw/min", "VmRSS KiB", "threads");
     for (const std::string& binary : binaries) {
         TempDir runtime;
-        DaemonProcess process(binary, {"KEL_HELPER_RUNTIME_DIR=" + runtime.path()});
+        const auto started = startWithLogFile(binary, runtime);
+        DaemonProcess& process = *started;
         process.waitUntilSigtermIgnored(5s);
         const int client = unixSocketAt(runtime.path() + "/helper-server.sock");
         std::this_thread::sleep_for(3s);
@@ -99,58 +117,55 @@ void idleCost(int seconds, const std::vector<std::string>& binaries) {
     }
 }
 
-// Milliseconds from SIGTERM to the exit of a freshly started `binary`, with
-// `clients` flat-out writers; a negative value when there is no such figure.
-double sigtermToExitMs(const std::string& binary, int clients) {
-    TempDir runtime;
-    DaemonProcess process(binary, {"KEL_HELPER_RUNTIME_DIR=" + runtime.path()});
+// Runs `measure` RUNS times per binary, each on a fresh process, and prints
+// the median and the spread of what it returns, in milliseconds.
+void timeRuns(int runs, const std::vector<std::string>& binaries, const char* label,
+              const std::function<double(DaemonProcess&, const TempDir&)>& measure) {
+    std::printf("%-40s %12s %10s %10s %10s\n", "binary", "", "median ms", "min ms", "max ms");
+    for (const std::string& binary : binaries) {
+        std::vector<double> samples;
+        for (int run = 0; run < runs; ++run) {
+            TempDir runtime;
+            const auto process = startWithLogFile(binary, runtime);
+            const double sample = measure(*process, runtime);
+            if (sample < 0) {
+                std::fprintf(stderr, "%s: run %d failed\n", binary.c_str(), run);
+                return;
+            }
+            samples.push_back(sample);
+        }
+        std::sort(samples.begin(), samples.end());
+        std::printf("%-40s %12s %10.2f %10.2f %10.2f\n", binary.c_str(), label,
+                    samples[samples.size() / 2], samples.front(), samples.back());
+    }
+}
+
+double millisecondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+        .count();
+}
+
+// SIGTERM to exit, with `clients` writing to the socket flat out meanwhile.
+double sigtermToExit(DaemonProcess& process, const TempDir& runtime, int clients) {
     if (!process.waitUntilSigtermIgnored(5s)) {
-        std::fprintf(stderr, "%s: SIGTERM watch never installed\n", binary.c_str());
         return -1;
     }
-    const std::string socketPath = runtime.path() + "/helper-server.sock";
-    if (clients > 0 && access(socketPath.c_str(), F_OK) != 0) {
-        return -1;
-    }
-    const auto writers = writeFlatOut(socketPath, clients);
+    const auto writers = writeFlatOut(runtime.path() + "/helper-server.sock", clients);
     // Let start-up finish, and the writers get going, so that only the
     // shutdown is timed.
     std::this_thread::sleep_for(clients > 0 ? 300ms : 100ms);
     const auto start = std::chrono::steady_clock::now();
     process.sendSignal(SIGTERM);
     process.waitForExit(10s);
-    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-        .count();
-}
-
-void sigtermLatency(int runs, const std::vector<std::string>& binaries) {
-    std::printf("%-50s %10s %10s %10s\n", "binary", "median ms", "min ms", "max ms");
-    for (const std::string& binary : binaries) {
-        for (const int clients : {0, 64}) {
-            std::vector<double> samples;
-            for (int run = 0; run < runs; ++run) {
-                const double ms = sigtermToExitMs(binary, clients);
-                if (ms < 0) {
-                    break;
-                }
-                samples.push_back(ms);
-            }
-            if (samples.empty()) {
-                continue;
-            }
-            std::sort(samples.begin(), samples.end());
-            const std::string label = binary + " (" + std::to_string(clients) + " clients)";
-            std::printf("%-50s %10.2f %10.2f %10.2f\n", label.c_str(), samples[samples.size() / 2],
-                        samples.front(), samples.back());
-        }
-    }
+    return millisecondsSince(start);
 }
 
 void churn(int seconds, const std::vector<std::string>& binaries) {
     std::printf("%-40s %12s %8s %8s %8s\n", "binary", "connections", "fds", "max fds", "CPU %");
     for (const std::string& binary : binaries) {
         TempDir runtime;
-        DaemonProcess process(binary, {"KEL_HELPER_RUNTIME_DIR=" + runtime.path()});
+        const auto started = startWithLogFile(binary, runtime);
+        DaemonProcess& process = *started;
         process.waitUntilSigtermIgnored(5s);
         const std::string socketPath = runtime.path() + "/helper-server.sock";
         const long fdsBefore = openDescriptors(process.pid());
@@ -183,19 +198,33 @@ void churn(int seconds, const std::vector<std::string>& binaries) {
     }
 }
 
+double startToFirstClient(DaemonProcess& process, const TempDir& runtime) {
+    const auto deadline = process.startTime() + 5s;
+    int client;
+    while ((client = unixSocketAt(runtime.path() + "/helper-server.sock")) < 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return -1;
+        }
+        std::this_thread::sleep_for(100us);
+    }
+    const double elapsed = millisecondsSince(process.startTime());
+    close(client);
+    process.waitUntilSigtermIgnored(5s);
+    process.sendSignal(SIGTERM);
+    process.waitForExit(5s);
+    return elapsed;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc < 4) {
         std::fprintf(stderr,
-                     "usage: %s idle-cost SECONDS BINARY... | sigterm-latency RUNS BINARY... | "
-                     "churn SECONDS BINARY...\n",
+                     "usage: %s idle-cost SECONDS BINARY... | sigterm-latency RUNS BINARY..."
+                     " | start-latency RUNS BINARY... | churn SECONDS BINARY...\n",
                      argv[0]);
         return 2;
     }
-    // The binaries measured inherit nothing but standard input, output and
-    // error, so that their descriptor counts are their own.
-    close_range(3, ~0u, CLOSE_RANGE_CLOEXEC);
     const std::string mode = argv[1];
     const int count = std::atoi(argv[2]);
     const std::vector<std::string> binaries(argv + 3, argv + argc);
@@ -206,7 +235,14 @@ int main(int argc, char** argv) {
     if (mode == "idle-cost") {
         idleCost(count, binaries);
     } else if (mode == "sigterm-latency") {
-        sigtermLatency(count, binaries);
+        for (const int clients : {0, 64}) {
+            timeRuns(count, binaries, clients == 0 ? "no client" : "64 clients",
+                     [clients](DaemonProcess& process, const TempDir& runtime) {
+                         return sigtermToExit(process, runtime, clients);
+                     });
+        }
+    } else if (mode == "start-latency") {
+        timeRuns(count, binaries, "", startToFirstClient);
     } else if (mode == "churn") {
         churn(count, binaries);
     } else {

@@ -38,9 +38,7 @@ double seconds(std::chrono::steady_clock::duration duration) {
 
 class DaemonTest : public ::testing::Test {
   protected:
-    std::vector<std::string> environment() const {
-        return {"KEL_HELPER_RUNTIME_DIR=" + runtime_.path()};
-    }
+    std::vector<std::string> environment() const { return isolatedEnvironment(runtime_.path()); }
     std::string socketPath() const { return runtime_.path() + "/helper-server.sock"; }
 
     TempDir runtime_;

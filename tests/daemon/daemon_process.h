@@ -68,6 +68,14 @@ class DaemonProcess {
     std::optional<ExitStatus> status_;
 };
 
+// The environment that keeps every path of a daemon under `dir`: socket, lock
+// and trace folders, the preferences store, and the device description
+// (<dir>/device.json; absent unless the test writes one).
+inline std::vector<std::string> isolatedEnvironment(const std::string& dir) {
+    return {"KEL_HELPER_RUNTIME_DIR=" + dir, "KEL_PREFERENCES_DIR=" + dir,
+            "KEL_DEVICE_DESCRIPTION=" + dir + "/device.json"};
+}
+
 // The system log's prefix for the default level, as the daemon writes it.
 inline std::string defaultLevelLine(const std::string& text) {
     return "<5>#I " + text;
