@@ -9,12 +9,14 @@
 
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tests/daemon/daemon_process.h"
+#include "tests/support/outside_probes.h"
 
 namespace kel::testing {
 namespace {
@@ -170,12 +172,8 @@ TEST_F(DaemonTest, BusyForTwentySecondsThenIdle) {
     DaemonProcess daemon(KEL_DAEMON_REAL, environment());
     ASSERT_TRUE(daemon.waitUntilSigtermIgnored(kQuick));
 
-    const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int client = unixSocketAt(socketPath());
     ASSERT_GE(client, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    socketPath().copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
 
     daemon.collectUntil(daemon.startTime() + 20s);
     close(client);
@@ -191,6 +189,52 @@ TEST_F(DaemonTest, BusyForTwentySecondsThenIdle) {
         const double at = seconds(daemon.lines()[i].sinceStart);
         EXPECT_GE(at, expected[i] - 0.1) << "message " << i;
         EXPECT_LE(at, expected[i] + 2.5) << "message " << i;
+    }
+}
+
+// systemd-socket-activate stands in for the service manager: it listens on the
+// socket and, at the first connection, becomes the daemon with the listening
+// socket handed over. The manager would go on listening after the daemon's
+// exit; here a second activator takes the path over, as the manager's socket
+// would still be there.
+TEST_F(DaemonTest, ClientsStartItThroughItsSocketAndItIdlesOutEachTime) {
+    std::vector<std::string> arguments = {"--listen=" + socketPath()};
+    for (const char* name :
+         {"KEL_HELPER_RUNTIME_DIR", "KEL_PREFERENCES_DIR", "KEL_DEVICE_DESCRIPTION"}) {
+        arguments.push_back(std::string("--setenv=") + name);
+    }
+    arguments.push_back(KEL_DAEMON_REAL);
+    for (const bool clientStays : {true, false}) {
+        DaemonProcess activator(KEL_SOCKET_ACTIVATE, environment(), /*stderrFd=*/-1, arguments);
+        int client = -1;
+        for (auto deadline = std::chrono::steady_clock::now() + kQuick;
+             client < 0 && std::chrono::steady_clock::now() < deadline;) {
+            client = unixSocketAt(socketPath());
+            std::this_thread::sleep_for(1ms);
+        }
+        ASSERT_GE(client, 0);
+        if (clientStays) {
+            // Past the first idle check (8 s after the start, up to 2 s late).
+            activator.collectUntil(std::chrono::steady_clock::now() + 11s);
+        }
+        close(client);
+        const auto status = activator.waitForExit(20s);
+        ASSERT_TRUE(status.has_value());
+        EXPECT_TRUE(status->exited);
+        EXPECT_EQ(status->code, 0);
+        std::vector<std::string> messages;
+        for (const std::string& line : texts(activator.lines())) {
+            if (line.starts_with("<5>")) {
+                messages.push_back(line);
+            }
+        }
+        std::vector<std::string> expected = {defaultLevelLine("Server is idle"),
+                                             defaultLevelLine("Exit!")};
+        if (clientStays) {
+            expected.insert(expected.begin(), defaultLevelLine("Server is busy"));
+        }
+        EXPECT_EQ(messages, expected) << (clientStays ? "first start" : "second start");
+        EXPECT_EQ(access(socketPath().c_str(), F_OK), 0) << "the manager's socket was unlinked";
     }
 }
 

@@ -30,7 +30,8 @@ int remainingMs(Clock::time_point deadline) {
 }  // namespace
 
 DaemonProcess::DaemonProcess(const std::string& binary,
-                             const std::vector<std::string>& extraEnvironment, int stderrFd) {
+                             const std::vector<std::string>& extraEnvironment, int stderrFd,
+                             const std::vector<std::string>& arguments) {
     std::vector<std::string> environment;
     for (char** entry = environ; *entry != nullptr; ++entry) {
         environment.emplace_back(*entry);
@@ -64,9 +65,14 @@ DaemonProcess::DaemonProcess(const std::string& binary,
     posix_spawnattr_setsigdefault(&attributes, &all);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
-    char* argv[] = {const_cast<char*>(binary.c_str()), nullptr};
+    std::vector<char*> argv = {const_cast<char*>(binary.c_str())};
+    for (const std::string& argument : arguments) {
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
     start_ = Clock::now();
-    const int error = posix_spawn(&pid_, binary.c_str(), &actions, &attributes, argv, envp.data());
+    const int error =
+        posix_spawn(&pid_, binary.c_str(), &actions, &attributes, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     if (stderrFd < 0) {

@@ -27,11 +27,11 @@ struct ExitStatus {
 
 class DaemonProcess {
   public:
-    // Starts `binary` with the current environment plus `extraEnvironment`
-    // ("NAME=value" entries). With `stderrFd`, the child's standard error is
-    // that descriptor instead, and no output is collected.
+    // Starts `binary` with `arguments`, and with the current environment plus
+    // `extraEnvironment` ("NAME=value" entries). With `stderrFd`, the child's
+    // standard error is that descriptor instead, and no output is collected.
     DaemonProcess(const std::string& binary, const std::vector<std::string>& extraEnvironment,
-                  int stderrFd = -1);
+                  int stderrFd = -1, const std::vector<std::string>& arguments = {});
     ~DaemonProcess();
     DaemonProcess(const DaemonProcess&) = delete;
     DaemonProcess& operator=(const DaemonProcess&) = delete;
