@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "tests/daemon/daemon_process.h"
+#include "tests/support/temp_dir.h"
 
 using kel::testing::DaemonProcess;
 using kel::testing::TempDir;

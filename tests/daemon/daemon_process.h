@@ -1,6 +1,6 @@
 // A daemon binary run as a child process for end-to-end tests: its standard
-// error is captured line by line with arrival times, and its exit is awaited
-// through a pidfd. Every wait is bounded.
+// error is captured line by line with arrival times. Every wait is bounded, and
+// a process still running when its owner goes is killed.
 #pragma once
 
 #include <sys/types.h>
@@ -8,10 +8,9 @@
 #include <chrono>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "tests/support/temp_dir.h"
+#include "platform/posix/unique_fd.h"
 
 namespace kel::testing {
 
@@ -20,15 +19,10 @@ struct OutputLine {
     std::chrono::steady_clock::duration sinceStart;
 };
 
-struct ExitStatus {
-    bool exited = false;  // false: killed by a signal
-    int code = 0;         // exit code, or the signal number
-};
-
 class DaemonProcess {
   public:
-    // Starts `binary` with the current environment plus `extraEnvironment`
-    // ("NAME=value" entries).
+    // Starts `binary` with default signal dispositions, no signal blocked, and
+    // the current environment plus `extraEnvironment` ("NAME=value" entries).
     DaemonProcess(const std::string& binary, const std::vector<std::string>& extraEnvironment);
     ~DaemonProcess();
     DaemonProcess(const DaemonProcess&) = delete;
@@ -37,14 +31,16 @@ class DaemonProcess {
     pid_t pid() const { return pid_; }
     std::chrono::steady_clock::time_point startTime() const { return start_; }
 
-    // Collects output until `deadline`, stamping each line as it arrives.
+    // Collects output until `deadline` or the end of the output.
     void collectUntil(std::chrono::steady_clock::time_point deadline);
 
-    // Waits for the process to end, collecting the rest of its output.
-    std::optional<ExitStatus> waitForExit(std::chrono::milliseconds timeout);
+    // Waits for the process to end, collecting the rest of its output; its wait
+    // status, or nothing when it is still running after `timeout`.
+    std::optional<int> waitForExit(std::chrono::milliseconds timeout);
 
     // Every line read so far.
     const std::vector<OutputLine>& lines() const { return lines_; }
+    std::vector<std::string> texts() const;
 
     // Waits until SIGTERM is ignored as a signal by the process, which it is
     // once the termination watch is installed. There is no event for that, so
@@ -54,21 +50,13 @@ class DaemonProcess {
     void sendSignal(int signal);
 
   private:
-    bool readMore(std::chrono::steady_clock::time_point deadline);
-
     pid_t pid_ = -1;
-    int pidfd_ = -1;
-    int stderrFd_ = -1;
+    platform::UniqueFd stderr_;
     std::chrono::steady_clock::time_point start_;
     std::string buffer_;
     std::vector<OutputLine> lines_;
     bool endOfOutput_ = false;
-    std::optional<ExitStatus> status_;
+    std::optional<int> status_;
 };
-
-// The system log's prefix for the default level, as the daemon writes it.
-inline std::string defaultLevelLine(const std::string& text) {
-    return "<5>#I " + text;
-}
 
 }  // namespace kel::testing
