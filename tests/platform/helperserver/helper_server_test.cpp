@@ -2,30 +2,28 @@
 
 #include <fcntl.h>
 #include <stdlib.h>
-#include <sys/socket.h>
 #include <sys/un.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <functional>
+#include <chrono>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "tests/support/temp_dir.h"
+#include "tests/support/unix_socket.h"
 
-namespace kel {
+namespace kel::testing {
 namespace {
 
-// The server reports nothing when a client comes or goes, so the tests poll
+// The server reports nothing when a client comes or goes, so the test polls
 // isBusy() in 1 ms steps for up to 10 s.
-bool waitUntil(const std::function<bool()>& condition) {
-    for (int i = 0; i < 10'000 && !condition(); ++i) {
-        const timespec step{0, 1'000'000};
-        nanosleep(&step, nullptr);
+bool waitForBusy(const HelperServer& server, bool busy) {
+    for (int i = 0; i < 10'000 && server.isBusy() != busy; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    return condition();
+    return server.isBusy() == busy;
 }
 
 class HelperServerTest : public ::testing::Test {
@@ -33,21 +31,7 @@ class HelperServerTest : public ::testing::Test {
     HelperServerTest() { setenv("KEL_HELPER_RUNTIME_DIR", dir_.path().c_str(), 1); }
     ~HelperServerTest() override { unsetenv("KEL_HELPER_RUNTIME_DIR"); }
 
-    // A connected client socket, or -1.
-    int connectClient() const {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        memcpy(address.sun_path, socketPath_.c_str(), socketPath_.size() + 1);
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd >= 0 &&
-            connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-            close(fd);
-            return -1;
-        }
-        return fd;
-    }
-
-    testing::TempDir dir_;
+    TempDir dir_;
     const std::string socketPath_ = dir_.file("helper-server.sock");
 };
 
@@ -59,24 +43,22 @@ TEST_F(HelperServerTest, BusyExactlyWhileAClientIsConnectedUntilStopped) {
     server->start();
     server->start();
     EXPECT_FALSE(server->isBusy());
-    const int first = connectClient();
-    ASSERT_GE(first, 0);
-    EXPECT_TRUE(waitUntil([&] { return server->isBusy(); }));
-    ASSERT_EQ(write(first, "hello\n", 6), 6);  // data, then the hang-up
-    close(first);
-    EXPECT_TRUE(waitUntil([&] { return !server->isBusy(); }));
+    platform::UniqueFd client = connectUnixSocket(socketPath_);
+    ASSERT_TRUE(client.valid());
+    EXPECT_TRUE(waitForBusy(*server, true));
+    ASSERT_EQ(write(client.get(), "hello\n", 6), 6);  // data, then the hang-up
+    client.reset();
+    EXPECT_TRUE(waitForBusy(*server, false));
 
     // Stop hangs up on a connected client, and the server stays stopped.
-    const int second = connectClient();
-    ASSERT_GE(second, 0);
-    ASSERT_TRUE(waitUntil([&] { return server->isBusy(); }));
+    client = connectUnixSocket(socketPath_);
+    ASSERT_TRUE(waitForBusy(*server, true));
     server->stop();
     EXPECT_FALSE(server->isBusy());
     char byte;
-    EXPECT_EQ(read(second, &byte, 1), 0);
-    close(second);
+    EXPECT_EQ(read(client.get(), &byte, 1), 0);
     server->start();
-    EXPECT_LT(connectClient(), 0);
+    EXPECT_FALSE(connectUnixSocket(socketPath_).valid());
     EXPECT_NE(access(socketPath_.c_str(), F_OK), 0);
 }
 
@@ -87,4 +69,4 @@ TEST_F(HelperServerTest, CreateFailsWhenSocketPathIsTooLong) {
 }
 
 }  // namespace
-}  // namespace kel
+}  // namespace kel::testing
