@@ -31,14 +31,11 @@ TEST(SharedSynchronizableTest, RunsOnItsQueueAndIsDestroyedThere) {
     for (const bool withTarget : {false, true}) {
         SCOPED_TRACE(withTarget ? "with a target" : "without a target");
         std::vector<std::string> events;
-        dispatch_queue_t target =
-            withTarget ? dispatch_queue_create("target", DISPATCH_QUEUE_SERIAL) : nullptr;
-        std::shared_ptr<Probe> probe = Probe::make_shared_ptr(new Probe(target, &events));
-        if (target != nullptr) {
-            dispatch_release(target);
-        }
-        dispatch_queue_t queue = probe->queue_;
-        dispatch_retain(queue);
+        auto target = dispatch::Owned<dispatch_queue_t>::adopt(
+            withTarget ? dispatch_queue_create("target", DISPATCH_QUEUE_SERIAL) : nullptr);
+        std::shared_ptr<Probe> probe = Probe::make_shared_ptr(new Probe(target.get(), &events));
+        target = {};
+        const auto queue = dispatch::Owned<dispatch_queue_t>::retain(probe->queue_);
 
         std::thread::id ranOn;
         probe->execute_sync([&] { ranOn = std::this_thread::get_id(); });
@@ -57,9 +54,8 @@ TEST(SharedSynchronizableTest, RunsOnItsQueueAndIsDestroyedThere) {
         events.push_back("dropped");
         release.set_value();
 
-        dispatch_sync(queue, [&] { events.push_back("later work"); });
+        dispatch_sync(queue.get(), [&] { events.push_back("later work"); });
         busy.join();
-        dispatch_release(queue);
         EXPECT_EQ(events,
                   (std::vector<std::string>{"dropped", "busy work", "destroyed", "later work"}));
     }
