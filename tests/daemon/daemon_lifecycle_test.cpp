@@ -3,8 +3,11 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -20,6 +23,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 constexpr auto kQuick = 10s;
 
@@ -43,37 +47,46 @@ double secondsAt(const DaemonProcess& daemon, size_t line) {
 
 class DaemonTest : public ::testing::Test {
   protected:
-    // Every daemon of a test shares a runtime folder, and with it the hosting
-    // lock and the socket. The folder is not there yet: the first daemon makes it.
-    std::vector<std::string> environment() const { return {"KEL_HELPER_RUNTIME_DIR=" + run()}; }
-    std::string run() const { return runtime_.file("run"); }
+    // The daemons of a test that share a runtime folder share the hosting
+    // lock and the socket. The folder is not there yet: the first daemon
+    // makes it.
+    std::vector<std::string> environment(const std::string& folder = "run") const {
+        return {"KEL_HELPER_RUNTIME_DIR=" + runtime_.file(folder)};
+    }
 
     TempDir runtime_;
 };
 
 // Every way of being refused ends the same: two lines and status 0, long
-// before an idle check could come. A daemon that hosts meanwhile is not
-// disturbed and still ends in order.
+// before an idle check could come. A daemon that hosts meanwhile, with a
+// client connected, is not disturbed, still ends in order and removes its
+// socket.
 TEST_F(DaemonTest, RefusedStartsReportAndExitAtOnce) {
     DaemonProcess host(KEL_DAEMON_REAL, environment());
     ASSERT_TRUE(host.waitUntilSigtermIgnored(kQuick));
+    const std::string socket = runtime_.file("run/helper-server.sock");
+    const platform::UniqueFd client = connectUnixSocket(socket);
+    ASSERT_TRUE(client.valid());
     const struct {
         const char* refusal;
         const char* binary;
+        std::string folder;
     } kCases[] = {
-        {"another daemon hosts", KEL_DAEMON_REAL},
-        {"the hosting check answers no", KEL_DAEMON_REFUSING},
-        {"the server cannot be made", KEL_DAEMON_NOCREATE},
-        {"the hosting check is absent", KEL_DAEMON_NOWEAK},
+        {"another daemon hosts", KEL_DAEMON_REAL, "run"},
+        {"the hosting check answers no", KEL_DAEMON_REFUSING, "run"},
+        {"the server cannot be made", KEL_DAEMON_NOCREATE, "run"},
+        {"the hosting check is absent", KEL_DAEMON_NOWEAK, "run"},
+        {"the socket path is too long", KEL_DAEMON_REAL, std::string(110, 'd')},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.refusal);
-        DaemonProcess daemon(c.binary, environment());
+        DaemonProcess daemon(c.binary, environment(c.folder));
         ASSERT_THAT(exitedCleanly(daemon, kQuick), ElementsAre(kNotAllowed, kExit));
         EXPECT_LT(secondsAt(daemon, 1), 2.0);
     }
     host.sendSignal(SIGTERM);
     EXPECT_THAT(exitedCleanly(host, kQuick), ElementsAre(kSignal, kExit));
+    EXPECT_NE(access(socket.c_str(), F_OK), 0);
 }
 
 // However many signals arrive, one is reported and the exit is orderly; the
@@ -117,20 +130,28 @@ TEST_F(DaemonTest, IdleAtTheFirstCheckEndsTheDaemon) {
 }
 
 // A real client keeps the helper server busy for 20 s; the checks at about 8
-// and 16 s find it busy, the one at about 24 s idle.
+// and 16 s find it busy, the one at about 24 s idle. Beside it a daemon without
+// a log server, kept busy the same way, checks in silence and ends as well.
 TEST_F(DaemonTest, BusyWhileAClientStaysThenIdle) {
+    // A socket file left by a daemon that died is replaced.
+    ASSERT_TRUE(std::filesystem::create_directory(runtime_.file("silent")));
+    ASSERT_TRUE(std::ofstream(runtime_.file("silent/helper-server.sock")));
     DaemonProcess daemon(KEL_DAEMON_REAL, environment());
-    ASSERT_TRUE(daemon.waitUntilSigtermIgnored(kQuick));
-    platform::UniqueFd client = connectUnixSocket(run() + "/helper-server.sock");
-    ASSERT_TRUE(client.valid());
+    DaemonProcess silent(KEL_DAEMON_NOLOGSERVER, environment("silent"));
+    ASSERT_TRUE(daemon.waitUntilSigtermIgnored(kQuick) && silent.waitUntilSigtermIgnored(kQuick));
+    platform::UniqueFd client = connectUnixSocket(runtime_.file("run/helper-server.sock"));
+    platform::UniqueFd silentClient = connectUnixSocket(runtime_.file("silent/helper-server.sock"));
+    ASSERT_TRUE(client.valid() && silentClient.valid());
     daemon.collectUntil(daemon.startTime() + 20s);
     client.reset();
+    silentClient.reset();
 
     ASSERT_THAT(exitedCleanly(daemon, 20s), ElementsAre(kBusy, kBusy, kIdle, kExit));
     for (size_t i = 0; i < 3; ++i) {
         EXPECT_GE(secondsAt(daemon, i), 8.0 * (i + 1) - 0.1) << i;
         EXPECT_LE(secondsAt(daemon, i), 8.0 * (i + 1) + 2.5) << i;
     }
+    EXPECT_THAT(exitedCleanly(silent, kQuick), IsEmpty());
 }
 
 }  // namespace

@@ -79,12 +79,4 @@ TEST(SerialQueueTest, WorkRunsOnThreadsThatBlockSigterm) {
     }
 }
 
-TEST(TimeTest, SaturatesAndKeepsForever) {
-    EXPECT_EQ(dispatch_time(DISPATCH_TIME_FOREVER, -5), DISPATCH_TIME_FOREVER);
-    EXPECT_EQ(dispatch_time(100, INT64_MAX), 100 + uint64_t{INT64_MAX});
-    EXPECT_EQ(dispatch_time(DISPATCH_TIME_FOREVER - 10, 20), DISPATCH_TIME_FOREVER);
-    EXPECT_EQ(dispatch_time(100, -500), 1u);
-    EXPECT_GT(dispatch_time(DISPATCH_TIME_NOW, 0), 0u);
-}
-
 }  // namespace

@@ -27,16 +27,4 @@ TEST(RunLoopTest, ReturnsAfterOneTurnAndRunsWorkPostedByWorkInALaterTurn) {
     EXPECT_EQ(order, "123");
 }
 
-TEST(RunLoopTest, WithoutReturnAfterSourceHandledTheSliceRunsOut) {
-    int served = 0;
-    dispatch_async(dispatch_get_main_queue(), [&] { ++served; });
-    const dispatch_time_t start = dispatch_time(DISPATCH_TIME_NOW, 0);
-    EXPECT_EQ(runloop::runInDefaultMode(0.02, /*returnAfterSourceHandled=*/false),
-              RunResult::kTimedOut);
-    EXPECT_GE(dispatch_time(DISPATCH_TIME_NOW, 0) - start, 20'000'000u);
-    EXPECT_EQ(served, 1);
-    EXPECT_EQ(runloop::runInDefaultMode(-1.0, /*returnAfterSourceHandled=*/true),
-              RunResult::kTimedOut);
-}
-
 }  // namespace

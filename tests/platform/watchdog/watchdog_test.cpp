@@ -114,17 +114,16 @@ TEST(WatchdogReportTest, HungStepIsReportedOnceAndResultKept) {
     start(&quick, kQuickReason);
     stop(&quick);
 
-    ssize_t result = -1;
-    char byte = 0;
-    int stepErrno = 0;
+    std::string stepOutcome;  // what the read returned, the byte read and errno
     pid_t stepThread = 0;
     const auto armedAt = std::chrono::steady_clock::now();
     std::thread step([&] {
         pthread_setname_np(pthread_self(), "hung-step");
         stepThread = gettid();
+        char byte = 0;
         errno = 0;
-        result = readUnderWatchdog(release[0], &byte);
-        stepErrno = errno;
+        const ssize_t result = readUnderWatchdog(release[0], &byte);
+        stepOutcome = std::to_string(result) + byte + std::to_string(errno);
     });
     std::string report;
     char buffer[4096];
@@ -135,8 +134,7 @@ TEST(WatchdogReportTest, HungStepIsReportedOnceAndResultKept) {
     EXPECT_GE(std::chrono::steady_clock::now() - armedAt, 5s);
     ASSERT_EQ(write(release[1], "x", 1), 1);
     step.join();
-    // The step read its byte as if nothing had happened.
-    EXPECT_TRUE(result == 1 && byte == 'x' && stepErrno == 0);
+    EXPECT_EQ(stepOutcome, "1x0") << "the step read its byte as if nothing had happened";
 
     // Exactly one report, of the hung step. ThreadSanitizer holds a signal
     // back until the thread returns from a call it does not know to block
