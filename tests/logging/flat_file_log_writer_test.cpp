@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -17,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/strings/format.h"
 #include "tests/logging/flat_file_child.h"
 #include "tests/logging/scoped_writer.h"
 #include "tests/support/temp_dir.h"
@@ -172,9 +172,7 @@ TEST_F(FlatFileLogWriterTest, RecordsSurviveSigkill) {
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
     std::string expected;
     for (uint32_t index = 0; index < count; ++index) {
-        char text[64];
-        std::snprintf(text, sizeof text, "%.3f:Notice:child:%u\n", index * 0.001, index);
-        expected += text;
+        expected += platform::stringPrintf("%.3f:Notice:child:%u\n", index * 0.001, index);
     }
     EXPECT_EQ(readFile(dir_.file("log")), expected);
 }

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -72,14 +71,8 @@ class CapturedSystemLog {
     CapturedSystemLog(const CapturedSystemLog&) = delete;
     CapturedSystemLog& operator=(const CapturedSystemLog&) = delete;
 
-    std::vector<std::string> lines() const {
-        std::istringstream text(readFile(dir_.file("systemlog")));
-        std::vector<std::string> result;
-        for (std::string line; std::getline(text, line);) {
-            result.push_back(line);
-        }
-        return result;
-    }
+    // Everything written so far.
+    std::string text() const { return readFile(dir_.file("systemlog")); }
 
   private:
     TempDir dir_;
