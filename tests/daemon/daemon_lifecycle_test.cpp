@@ -2,7 +2,9 @@
 // against a double in place of one platform library.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -16,14 +18,12 @@
 
 #include "tests/daemon/daemon_process.h"
 #include "tests/support/temp_dir.h"
-#include "tests/support/unix_socket.h"
 
 namespace kel::testing {
 namespace {
 
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 constexpr auto kQuick = 10s;
 
@@ -38,7 +38,24 @@ const std::string kExit = "<5>#I Exit!";
 std::vector<std::string> exitedCleanly(DaemonProcess& daemon, std::chrono::seconds timeout) {
     const std::optional<int> status = daemon.waitForExit(timeout);
     EXPECT_TRUE(status && ::testing::ExitedWithCode(0)(*status)) << status.value_or(-1);
-    return daemon.texts();
+    std::vector<std::string> texts;
+    for (const OutputLine& line : daemon.lines()) {
+        texts.push_back(line.text);
+    }
+    return texts;
+}
+
+// A connection to the helper server's socket at `path`; invalid when nothing
+// accepts there.
+platform::UniqueFd connectUnixSocket(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    platform::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        fd.reset();
+    }
+    return fd;
 }
 
 double secondsAt(const DaemonProcess& daemon, size_t line) {
@@ -75,7 +92,8 @@ TEST_F(DaemonTest, RefusedStartsReportAndExitAtOnce) {
         {"another daemon hosts", KEL_DAEMON_REAL, "run"},
         {"the hosting check answers no", KEL_DAEMON_REFUSING, "run"},
         {"the server cannot be made", KEL_DAEMON_NOCREATE, "run"},
-        {"the hosting check is absent", KEL_DAEMON_NOWEAK, "run"},
+        // Away from the host's lock, which would refuse it anyway.
+        {"the hosting check is absent", KEL_DAEMON_NOWEAK, "alone"},
         {"the socket path is too long", KEL_DAEMON_REAL, std::string(110, 'd')},
     };
     for (const auto& c : kCases) {
@@ -151,7 +169,7 @@ TEST_F(DaemonTest, BusyWhileAClientStaysThenIdle) {
         EXPECT_GE(secondsAt(daemon, i), 8.0 * (i + 1) - 0.1) << i;
         EXPECT_LE(secondsAt(daemon, i), 8.0 * (i + 1) + 2.5) << i;
     }
-    EXPECT_THAT(exitedCleanly(silent, kQuick), IsEmpty());
+    EXPECT_TRUE(exitedCleanly(silent, kQuick).empty());
 }
 
 }  // namespace

@@ -90,14 +90,6 @@ std::optional<int> DaemonProcess::waitForExit(std::chrono::milliseconds timeout)
     return status_;
 }
 
-std::vector<std::string> DaemonProcess::texts() const {
-    std::vector<std::string> result;
-    for (const OutputLine& line : lines_) {
-        result.push_back(line.text);
-    }
-    return result;
-}
-
 bool DaemonProcess::waitUntilSigtermIgnored(std::chrono::milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;
     const std::string statusPath = "/proc/" + std::to_string(pid_) + "/status";

@@ -40,7 +40,6 @@ class DaemonProcess {
 
     // Every line read so far.
     const std::vector<OutputLine>& lines() const { return lines_; }
-    std::vector<std::string> texts() const;
 
     // Waits until SIGTERM is ignored as a signal by the process, which it is
     // once the termination watch is installed. There is no event for that, so

@@ -15,10 +15,11 @@ TEST(LogInfoTest, EachHalfCanBeOffOnItsOwn) {
     RecordedLogServer logServer;
     lum::setMinimumLevel(lum::LogLevel::kNotice);
     logInfo(logServer.server, "Server is busy");
-    lum::setMinimumLevel(lum::LogLevel::kDebug);
+    lum::setMinimumLevel(lum::LogLevel::kInfo);  // just lets level 40 through
     systemlog::setEnabled(systemlog::Level::kDefault, false);
     logInfo(logServer.server, "Server is idle");
     systemlog::setEnabled(systemlog::Level::kDefault, true);
+    lum::setMinimumLevel(lum::LogLevel::kDebug);
 
     logServer.flush();
     EXPECT_EQ(systemLog.text(), "<5>#I Server is busy\n");

@@ -3,12 +3,12 @@
 #pragma once
 
 #include <fcntl.h>
+#include <signal.h>
 
 #include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/logserver/log.h"
@@ -18,31 +18,30 @@
 
 namespace kel::testing {
 
-// Keeps every record it gets and the thread that delivered it, and counts
-// closes.
+// Keeps every record it gets, counts those delivered on a thread that blocks
+// SIGTERM (as the platform's threads do, and a test's own threads do not), and
+// counts closes.
 class RecordingWriter : public lum::LogWriter {
   public:
     void writeMessage(const lum::LogMessage& message) override {
+        sigset_t mask;
+        pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+        sigtermBlockedDeliveries += sigismember(&mask, SIGTERM);
         std::lock_guard lock(mutex_);
         messages_.push_back(message);
-        threads_.push_back(std::this_thread::get_id());
     }
     void close() override { ++closes; }
     std::vector<lum::LogMessage> messages() {
         std::lock_guard lock(mutex_);
         return messages_;
     }
-    std::vector<std::thread::id> threads() {
-        std::lock_guard lock(mutex_);
-        return threads_;
-    }
 
+    std::atomic<int> sigtermBlockedDeliveries{0};
     std::atomic<int> closes{0};
 
   private:
     std::mutex mutex_;
     std::vector<lum::LogMessage> messages_;
-    std::vector<std::thread::id> threads_;
 };
 
 // A started log server with one recording writer.

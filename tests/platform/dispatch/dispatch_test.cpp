@@ -3,7 +3,6 @@
 #include <signal.h>
 
 #include <atomic>
-#include <string>
 #include <thread>
 #include <vector>
 

@@ -19,11 +19,14 @@ TEST(SystemLogTest, WritesOnePrefixedLinePerEnabledMessage) {
     systemlog::write(handle, systemlog::Level::kError, "two\nlines");
     systemlog::write(handle, systemlog::Level::kDefault, "%s", "");
     systemlog::write(handle, systemlog::Level::kError, "Error %s (%s)\n", "a\n", "b");
+    const std::string longText(5000, 'y');  // past any stack buffer
+    systemlog::write(handle, systemlog::Level::kError, "<%s=%d>", longText.c_str(), 42);
     systemlog::setEnabled(systemlog::Level::kDefault, false);
     systemlog::write(handle, systemlog::Level::kDefault, "hidden");
     systemlog::write(handle, systemlog::Level::kError, "shown");
     systemlog::setEnabled(systemlog::Level::kDefault, true);
-    EXPECT_EQ(captured.text(), "<5>plain 7\n<3>two\\nlines\n<5>\n<3>Error a\\n (b)\n<3>shown\n");
+    EXPECT_EQ(captured.text(), "<5>plain 7\n<3>two\\nlines\n<5>\n<3>Error a\\n (b)\n<3><" +
+                                   longText + "=42>\n<3>shown\n");
 }
 
 }  // namespace
