@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <latch>
 #include <string>
 #include <thread>
 #include <vector>
@@ -65,24 +66,34 @@ TEST(WatchdogTableTest, GuardsAreIndependentUntilTheTableIsFull) {
     }
 }
 
-TEST(WatchdogTableTest, ThreadsArmAndDisarmNestedGuardsConcurrently) {
+// With four slots free, threads contend for each one: a slot two of them
+// both took would fail the second stop.
+TEST(WatchdogTableTest, ThreadsContendingForFreeSlotsNeverShareOne) {
+    std::vector<uint64_t> handles(kTelephonyBasebandWatchdogCapacity - 4);
+    for (uint64_t& handle : handles) {
+        ASSERT_EQ(start(&handle), 0);
+    }
     std::atomic<int> failures{0};
+    std::latch go(8);
     {
         std::vector<std::jthread> threads;
         for (int t = 0; t < 8; ++t) {
             // Counted per thread: a shared counter would order the threads' calls.
-            threads.emplace_back([&failures] {
+            threads.emplace_back([&failures, &go] {
                 int failed = 0;
-                for (int round = 0; round < 2000; ++round) {
-                    uint64_t outer = 0, inner = 0;
-                    failed += !(start(&outer) == 0 && start(&inner) == 0 && stop(&inner) == 0 &&
-                                stop(&outer) == 0);
+                go.arrive_and_wait();
+                for (int round = 0; round < 20000; ++round) {
+                    uint64_t handle = 0;
+                    failed += start(&handle) == 0 && stop(&handle) != 0;
                 }
                 failures += failed;
             });
         }
     }
     EXPECT_EQ(failures, 0);
+    for (uint64_t& handle : handles) {
+        EXPECT_EQ(stop(&handle), 0);
+    }
 }
 
 // The snapshot folder is fixed when the process starts, so the hung-step test
