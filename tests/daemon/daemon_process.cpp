@@ -106,8 +106,4 @@ bool DaemonProcess::waitUntilSigtermIgnored(std::chrono::milliseconds timeout) {
     return false;
 }
 
-void DaemonProcess::sendSignal(int signal) {
-    kill(pid_, signal);
-}
-
 }  // namespace kel::testing

@@ -3,7 +3,7 @@
 // a process still running when its owner goes is killed.
 #pragma once
 
-#include <sys/types.h>
+#include <signal.h>
 
 #include <chrono>
 #include <optional>
@@ -46,7 +46,7 @@ class DaemonProcess {
     // this reads /proc/PID/status every millisecond, up to `timeout`.
     bool waitUntilSigtermIgnored(std::chrono::milliseconds timeout);
 
-    void sendSignal(int signal);
+    void sendSignal(int signal) { kill(pid_, signal); }
 
   private:
     pid_t pid_ = -1;

@@ -22,7 +22,7 @@ TEST(LogInfoTest, EachHalfCanBeOffOnItsOwn) {
     lum::setMinimumLevel(lum::LogLevel::kDebug);
 
     logServer.flush();
-    EXPECT_EQ(systemLog.text(), "<5>#I Server is busy\n");
+    EXPECT_EQ(systemLog.lines(), std::vector<std::string>{"<5>#I Server is busy"});
     const std::vector<lum::LogMessage> records = logServer.writer->messages();
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].secondText, "Server is idle");

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -70,8 +71,14 @@ class CapturedSystemLog {
     CapturedSystemLog(const CapturedSystemLog&) = delete;
     CapturedSystemLog& operator=(const CapturedSystemLog&) = delete;
 
-    // Everything written so far.
-    std::string text() const { return readFile(dir_.file("systemlog")); }
+    std::vector<std::string> lines() const {
+        std::istringstream text(readFile(dir_.file("systemlog")));
+        std::vector<std::string> result;
+        for (std::string line; std::getline(text, line);) {
+            result.push_back(line);
+        }
+        return result;
+    }
 
   private:
     TempDir dir_;
