@@ -46,6 +46,7 @@
 
 #include "tests/daemon/daemon_process.h"
 #include "tests/support/outside_probes.h"
+#include "tests/support/temp_dir.h"
 
 using kel::testing::cpuSeconds;
 using kel::testing::DaemonProcess;

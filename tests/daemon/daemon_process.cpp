@@ -8,8 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
+#include <algorithm>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
@@ -18,51 +17,42 @@ extern char** environ;
 
 namespace kel::testing {
 
-namespace {
-
 using Clock = std::chrono::steady_clock;
-
-int remainingMs(Clock::time_point deadline) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    return left.count() < 0 ? 0 : static_cast<int>(left.count());
-}
-
-}  // namespace
 
 DaemonProcess::DaemonProcess(const std::string& binary,
                              const std::vector<std::string>& extraEnvironment, int stderrFd,
                              const std::vector<std::string>& arguments) {
-    std::vector<std::string> environment;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        environment.emplace_back(*entry);
-    }
-    environment.insert(environment.end(), extraEnvironment.begin(), extraEnvironment.end());
     std::vector<char*> envp;
-    for (std::string& entry : environment) {
-        envp.push_back(entry.data());
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        envp.push_back(*entry);
+    }
+    for (const std::string& entry : extraEnvironment) {
+        envp.push_back(const_cast<char*>(entry.c_str()));
     }
     envp.push_back(nullptr);
 
-    int pipeFds[2] = {-1, stderrFd};
-    if (stderrFd < 0 && pipe2(pipeFds, O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe2 failed");
+    platform::UniqueFd writeEnd;
+    if (stderrFd < 0) {
+        int pipeFds[2];
+        if (pipe2(pipeFds, O_CLOEXEC) != 0) {
+            throw std::runtime_error("pipe2 failed");
+        }
+        stderr_.reset(pipeFds[0]);
+        writeEnd.reset(pipeFds[1]);
     }
     endOfOutput_ = stderrFd >= 0;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, stderrFd >= 0 ? stderrFd : writeEnd.get(),
+                                     STDERR_FILENO);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-
-    // The child starts with default signal dispositions and an empty mask,
-    // whatever the test process has set for itself.
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
-    sigset_t empty;
-    sigemptyset(&empty);
-    sigset_t all;
-    sigfillset(&all);
-    posix_spawnattr_setsigmask(&attributes, &empty);
-    posix_spawnattr_setsigdefault(&attributes, &all);
+    sigset_t signals;
+    sigemptyset(&signals);
+    posix_spawnattr_setsigmask(&attributes, &signals);
+    sigfillset(&signals);
+    posix_spawnattr_setsigdefault(&attributes, &signals);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
     std::vector<char*> argv = {const_cast<char*>(binary.c_str())};
@@ -75,21 +65,10 @@ DaemonProcess::DaemonProcess(const std::string& binary,
         posix_spawn(&pid_, binary.c_str(), &actions, &attributes, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
-    if (stderrFd < 0) {
-        close(pipeFds[1]);
-    }
     if (error != 0) {
-        close(pipeFds[0]);
         throw std::runtime_error("posix_spawn failed for " + binary);
     }
-    stderrFd_ = pipeFds[0];
-    pidfd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
-    if (pidfd_ < 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        close(stderrFd_);
-        throw std::runtime_error("pidfd_open failed");
-    }
+    pidfd_.reset(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
 }
 
 DaemonProcess::~DaemonProcess() {
@@ -97,58 +76,36 @@ DaemonProcess::~DaemonProcess() {
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
-    close(pidfd_);
-    close(stderrFd_);
-}
-
-bool DaemonProcess::readMore(Clock::time_point deadline) {
-    if (endOfOutput_) {
-        return false;
-    }
-    pollfd pfd{stderrFd_, POLLIN, 0};
-    const int ready = poll(&pfd, 1, remainingMs(deadline));
-    if (ready <= 0) {
-        return false;
-    }
-    char chunk[4096];
-    const ssize_t got = read(stderrFd_, chunk, sizeof chunk);
-    if (got <= 0) {
-        endOfOutput_ = true;
-        return false;
-    }
-    const auto now = Clock::now();
-    buffer_.append(chunk, static_cast<size_t>(got));
-    size_t newline;
-    while ((newline = buffer_.find('\n')) != std::string::npos) {
-        lines_.push_back({buffer_.substr(0, newline), now - start_});
-        buffer_.erase(0, newline + 1);
-    }
-    return true;
 }
 
 void DaemonProcess::collectUntil(Clock::time_point deadline) {
-    while (!endOfOutput_ && Clock::now() < deadline) {
-        readMore(deadline);
+    while (!endOfOutput_) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        pollfd pfd{stderr_.get(), POLLIN, 0};
+        if (left.count() <= 0 || poll(&pfd, 1, static_cast<int>(left.count())) <= 0) {
+            return;
+        }
+        char chunk[4096];
+        const ssize_t got = read(stderr_.get(), chunk, sizeof chunk);
+        endOfOutput_ = got <= 0;
+        buffer_.append(chunk, got > 0 ? static_cast<size_t>(got) : 0);
+        for (size_t newline; (newline = buffer_.find('\n')) != std::string::npos;) {
+            lines_.push_back({buffer_.substr(0, newline), Clock::now() - start_});
+            buffer_.erase(0, newline + 1);
+        }
     }
 }
 
-std::optional<ExitStatus> DaemonProcess::waitForExit(std::chrono::milliseconds timeout) {
-    if (status_) {
-        return status_;
-    }
+std::optional<int> DaemonProcess::waitForExit(std::chrono::milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;
-    pollfd pfd{pidfd_, POLLIN, 0};
-    if (poll(&pfd, 1, remainingMs(deadline)) <= 0) {
-        return std::nullopt;
-    }
-    int raw = 0;
-    waitpid(pid_, &raw, 0);
-    ExitStatus status;
-    status.exited = WIFEXITED(raw);
-    status.code = status.exited ? WEXITSTATUS(raw) : WTERMSIG(raw);
-    status_ = status;
-    // The write end is gone with the process: read to the end of the stream.
-    while (readMore(deadline)) {
+    collectUntil(deadline);
+    // The pidfd polls readable once the process has ended.
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    pollfd pfd{pidfd_.get(), POLLIN, 0};
+    int status = 0;
+    if (!status_ && poll(&pfd, 1, std::max<int>(0, static_cast<int>(left.count()))) > 0 &&
+        waitpid(pid_, &status, 0) == pid_) {
+        status_ = status;
     }
     return status_;
 }
@@ -156,23 +113,17 @@ std::optional<ExitStatus> DaemonProcess::waitForExit(std::chrono::milliseconds t
 bool DaemonProcess::waitUntilSigtermIgnored(std::chrono::milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;
     const std::string statusPath = "/proc/" + std::to_string(pid_) + "/status";
-    const unsigned long long sigtermBit = 1ull << (SIGTERM - 1);
-    while (Clock::now() < deadline) {
+    do {
         std::ifstream status(statusPath);
-        std::string line;
-        while (std::getline(status, line)) {
-            if (line.rfind("SigIgn:", 0) == 0 &&
-                (std::stoull(line.substr(7), nullptr, 16) & sigtermBit) != 0) {
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("SigIgn:") &&
+                (std::stoull(line.substr(7), nullptr, 16) >> (SIGTERM - 1) & 1) != 0) {
                 return true;
             }
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    } while (Clock::now() < deadline);
     return false;
-}
-
-void DaemonProcess::sendSignal(int signal) {
-    kill(pid_, signal);
 }
 
 }  // namespace kel::testing

@@ -1,17 +1,17 @@
 // A daemon binary run as a child process for end-to-end tests: its standard
-// error is captured line by line with arrival times, and its exit is awaited
-// through a pidfd. Every wait is bounded.
+// error is captured line by line with arrival times. Every wait is bounded
+// (the exit is awaited through a pidfd), and a process still running when its
+// owner goes is killed.
 #pragma once
 
-#include <sys/types.h>
+#include <signal.h>
 
 #include <chrono>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "tests/support/temp_dir.h"
+#include "platform/posix/unique_fd.h"
 
 namespace kel::testing {
 
@@ -20,14 +20,10 @@ struct OutputLine {
     std::chrono::steady_clock::duration sinceStart;
 };
 
-struct ExitStatus {
-    bool exited = false;  // false: killed by a signal
-    int code = 0;         // exit code, or the signal number
-};
-
 class DaemonProcess {
   public:
-    // Starts `binary` with `arguments`, and with the current environment plus
+    // Starts `binary` with `arguments`, default signal dispositions, no signal
+    // blocked, standard input /dev/null, and the current environment plus
     // `extraEnvironment` ("NAME=value" entries). With `stderrFd`, the child's
     // standard error is that descriptor instead, and no output is collected.
     DaemonProcess(const std::string& binary, const std::vector<std::string>& extraEnvironment,
@@ -39,11 +35,12 @@ class DaemonProcess {
     pid_t pid() const { return pid_; }
     std::chrono::steady_clock::time_point startTime() const { return start_; }
 
-    // Collects output until `deadline`, stamping each line as it arrives.
+    // Collects output until `deadline` or the end of the output.
     void collectUntil(std::chrono::steady_clock::time_point deadline);
 
-    // Waits for the process to end, collecting the rest of its output.
-    std::optional<ExitStatus> waitForExit(std::chrono::milliseconds timeout);
+    // Waits for the process to end, collecting the rest of its output; its wait
+    // status, or nothing when it is still running after `timeout`.
+    std::optional<int> waitForExit(std::chrono::milliseconds timeout);
 
     // Every line read so far.
     const std::vector<OutputLine>& lines() const { return lines_; }
@@ -53,19 +50,17 @@ class DaemonProcess {
     // this reads /proc/PID/status every millisecond, up to `timeout`.
     bool waitUntilSigtermIgnored(std::chrono::milliseconds timeout);
 
-    void sendSignal(int signal);
+    void sendSignal(int signal) { kill(pid_, signal); }
 
   private:
-    bool readMore(std::chrono::steady_clock::time_point deadline);
-
     pid_t pid_ = -1;
-    int pidfd_ = -1;
-    int stderrFd_ = -1;
+    platform::UniqueFd pidfd_;
+    platform::UniqueFd stderr_;
     std::chrono::steady_clock::time_point start_;
     std::string buffer_;
     std::vector<OutputLine> lines_;
     bool endOfOutput_ = false;
-    std::optional<ExitStatus> status_;
+    std::optional<int> status_;
 };
 
 // The environment that keeps every path of a daemon under `dir`: socket, lock
@@ -74,11 +69,6 @@ class DaemonProcess {
 inline std::vector<std::string> isolatedEnvironment(const std::string& dir) {
     return {"KEL_HELPER_RUNTIME_DIR=" + dir, "KEL_PREFERENCES_DIR=" + dir,
             "KEL_DEVICE_DESCRIPTION=" + dir + "/device.json"};
-}
-
-// The system log's prefix for the default level, as the daemon writes it.
-inline std::string defaultLevelLine(const std::string& text) {
-    return "<5>#I " + text;
 }
 
 }  // namespace kel::testing

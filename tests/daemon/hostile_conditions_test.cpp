@@ -16,6 +16,7 @@
 
 #include "platform/posix/unique_fd.h"
 #include "tests/daemon/daemon_process.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/outside_probes.h"
 
 namespace kel::testing {
@@ -40,7 +41,7 @@ class HostileTest : public ::testing::Test {
         const auto status = daemon_->waitForExit(kQuick);
         ASSERT_TRUE(status.has_value());
         EXPECT_LT(Clock::now() - sent, bound);
-        EXPECT_TRUE(status->exited && status->code == 0) << status->code;
+        EXPECT_TRUE(::testing::ExitedWithCode(0)(*status)) << *status;
         EXPECT_NE(access(socketPath().c_str(), F_OK), 0);
     }
 

@@ -1,18 +1,20 @@
-#include "tests/doubles/fake_helper_server.h"
-
+// A HelperServer without a socket, never busy, for daemons that need to decide
+// when it starts.
+//
+// start() returns at once unless KEL_TEST_START_GATE names a FIFO: then it
+// waits until a writer has opened and closed it, so that a test can act while
+// the daemon is between starting the server and installing its watches. Built
+// with KEL_DOUBLE_CREATE_FAILS, create() answers null as if the socket could
+// not be made.
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 
+#include "platform/helperserver/helper_server.h"
+#include "platform/posix/unique_fd.h"
+
 namespace kel {
-namespace {
-
-std::atomic<bool> sBusy{false};
-std::atomic<int> sBusyQueries{0};
-
-}  // namespace
 
 struct HelperServer::Impl {};
 
@@ -28,34 +30,16 @@ std::shared_ptr<HelperServer> HelperServer::create(std::shared_ptr<lum::LogServe
 
 void HelperServer::start() {
     const char* gate = std::getenv("KEL_TEST_START_GATE");
-    if (gate == nullptr) {
-        return;
-    }
-    const int fd = open(gate, O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
-        char byte;
-        while (read(fd, &byte, 1) > 0) {
-        }
-        close(fd);
+    const platform::UniqueFd fd(gate != nullptr ? open(gate, O_RDONLY | O_CLOEXEC) : -1);
+    char byte;
+    while (fd.valid() && read(fd.get(), &byte, 1) > 0) {
     }
 }
 
 void HelperServer::stop() {}
 
 bool HelperServer::isBusy() const {
-    sBusyQueries.fetch_add(1);
-    return sBusy.load();
+    return false;
 }
 
-namespace testing {
-
-void setHelperServerBusy(bool busy) {
-    sBusy.store(busy);
-}
-
-int helperServerBusyQueries() {
-    return sBusyQueries.load();
-}
-
-}  // namespace testing
 }  // namespace kel

@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -47,21 +46,27 @@ int modeOf(const std::string& path) {
 TEST_F(PathsTest, ExistsFollowsLinksAndIsDirectoryNeedsADirectory) {
     ASSERT_EQ(symlink("dir", "to-dir"), 0);
     ASSERT_EQ(symlink("nowhere", "dangling"), 0);
-    const std::tuple<const char*, bool, bool> kCases[] = {
+    const struct {
+        const char* path;
+        bool exists, isDirectory;
+    } kCases[] = {
         {"dir", true, true},       {"dir/", true, true},   {"file", true, false},
         {"file/", false, false},   {"to-dir", true, true}, {"dangling", false, false},
         {"missing", false, false}, {"", false, false},
     };
-    for (const auto& [path, exists, isDirectory] : kCases) {
-        EXPECT_EQ(fsutil::exists(path), exists) << path;
-        EXPECT_EQ(fsutil::isDirectory(path), isDirectory) << path;
+    for (const auto& c : kCases) {
+        EXPECT_EQ(fsutil::exists(c.path), c.exists) << c.path;
+        EXPECT_EQ(fsutil::isDirectory(c.path), c.isDirectory) << c.path;
     }
 }
 
-TEST_F(PathsTest, MakeDirectory) {
+TEST_F(PathsTest, MakeDirectoryMakesWhatIsMissingAndKeepsWhatWasMade) {
     constexpr int kMade = S_IFDIR | 0701;
-    // Path, recursive, result, and the modes found afterwards.
-    const std::tuple<std::string, bool, bool, std::vector<std::pair<std::string, int>>> kCases[] = {
+    const struct {
+        std::string path;
+        bool recursive, result;
+        std::vector<std::pair<std::string, int>> modesAfter;
+    } kCases[] = {
         {"plain", false, true, {{"plain", kMade}}},
         {"a/b/c", true, true, {{"a", kMade}, {"a/b", kMade}, {"a/b/c", kMade}}},
         {root_.file("x/y"), true, true, {{"x", kMade}, {"x/y", kMade}}},
@@ -75,21 +80,22 @@ TEST_F(PathsTest, MakeDirectory) {
         {"file/child", true, false, {}},
         {"kept/" + std::string(300, 'n') + "/leaf", true, false, {{"kept", kMade}}},
     };
-    for (const auto& [path, recursive, result, modes] : kCases) {
-        EXPECT_EQ(fsutil::makeDirectory(path, 0701, recursive), result) << path;
-        for (const auto& [made, mode] : modes) {
-            EXPECT_EQ(modeOf(made), mode) << path << ": " << made;
+    for (const auto& c : kCases) {
+        EXPECT_EQ(fsutil::makeDirectory(c.path, 0701, c.recursive), c.result) << c.path;
+        for (const auto& [made, mode] : c.modesAfter) {
+            EXPECT_EQ(modeOf(made), mode) << c.path << ": " << made;
         }
     }
 }
 
-TEST_F(PathsTest, UniqueNames) {
+TEST_F(PathsTest, UniqueNamesCountUpPastWhatExists) {
     for (const char* taken : {"logs/run.log", "logs/run-1.log", "logs/run.log-1", "n.tar.gz",
                               "a b.txt", "plain_name-x", "line\nfeed"}) {
         ASSERT_TRUE(std::filesystem::create_directories(taken)) << taken;
     }
-    // Path, uniquePath, uniquePathBeforeExtension.
-    const std::tuple<std::string, std::string, std::string> kCases[] = {
+    const struct {
+        std::string path, unique, uniqueBeforeExtension;
+    } kCases[] = {
         {"logs/free.log", "logs/free.log", "logs/free.log"},
         {"logs/run.log", "logs/run.log-2", "logs/run-2.log"},
         {"n.tar.gz", "n.tar.gz-1", "n-1.tar.gz"},
@@ -98,14 +104,16 @@ TEST_F(PathsTest, UniqueNames) {
         // The name pattern does not match across a line feed.
         {"line\nfeed", "line\nfeed-1", ""},
     };
-    for (const auto& [path, unique, uniqueBeforeExtension] : kCases) {
-        EXPECT_EQ(fsutil::uniquePath(path), unique) << path;
-        EXPECT_EQ(fsutil::uniquePathBeforeExtension(path), uniqueBeforeExtension) << path;
+    for (const auto& c : kCases) {
+        EXPECT_EQ(fsutil::uniquePath(c.path), c.unique) << c.path;
+        EXPECT_EQ(fsutil::uniquePathBeforeExtension(c.path), c.uniqueBeforeExtension) << c.path;
     }
 }
 
-TEST(PathSplitTest, LastComponentAndDirectoryPart) {
-    const std::tuple<const char*, const char*, const char*> kCases[] = {
+TEST(PathSplitTest, LastComponentAndDirectoryPartSplitAtTheLastSlash) {
+    const struct {
+        const char *path, *last, *directory;
+    } kCases[] = {
         {"/a/b/c.log", "c.log", "/a/b/"},
         {"/a/b/", "", "/a/b/"},
         {"a//b", "b", "a//"},
@@ -114,15 +122,18 @@ TEST(PathSplitTest, LastComponentAndDirectoryPart) {
         {"/", "", "/"},
         {"", "", ""},
     };
-    for (const auto& [path, last, directory] : kCases) {
-        EXPECT_EQ(fsutil::lastPathComponent(path), last) << path;
-        EXPECT_EQ(fsutil::directoryPart(path), directory) << path;
+    for (const auto& c : kCases) {
+        EXPECT_EQ(fsutil::lastPathComponent(c.path), c.last) << c.path;
+        EXPECT_EQ(fsutil::directoryPart(c.path), c.directory) << c.path;
     }
 }
 
 // Failing steps are disarmed too: the last mkdir of "file/u" fails.
 TEST_F(PathsTest, EachFileSystemStepRunsUnderItsOwnGuard) {
-    const std::pair<void (*)(), const char*> kCases[] = {
+    const struct {
+        void (*operation)();
+        const char* calls;
+    } kCases[] = {
         {[] { (void)fsutil::isDirectory("dir"); }, "[ stat ] opendir readdir closedir"},
         {[] { (void)fsutil::makeDirectory("file", 0755, true); }, "[ stat ]"},
         {[] { (void)fsutil::makeDirectory("new", 0755, false); }, "[ stat ] [ mkdir ]"},
@@ -146,8 +157,8 @@ TEST_F(PathsTest, EachFileSystemStepRunsUnderItsOwnGuard) {
     };
     for (const auto& c : kCases) {
         kel::testing::CallRecorder recorder;
-        c.first();
-        EXPECT_EQ(recorder.log(), c.second) << "case " << &c - kCases;
+        c.operation();
+        EXPECT_EQ(recorder.log(), c.calls) << "case " << &c - kCases;
     }
 }
 

@@ -10,11 +10,8 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <string>
 
@@ -33,13 +30,12 @@ int fail(const char* what) {
 }
 
 int refused(const char* what) {
-    std::fprintf(stderr, "flat_file_child: %s: %s\n", what, std::strerror(errno));
+    std::perror(what);
     return kChildRefused;
 }
 
 bool writeText(const char* path, const std::string& text) {
-    std::ofstream file(path);
-    return file.write(text.data(), std::streamsize(text.size())).flush().good();
+    return (std::ofstream(path) << text).flush().good();
 }
 
 int crash(const char* path, int count) {
@@ -95,10 +91,8 @@ int mounts(const char* dir, const char* writablePath) {
 // Leaves without running exit handlers: the writer's destruction may still be
 // on its way through the writer's queue, and nothing of it needs waiting for.
 int main(int argc, char** argv) {
-    const std::string mode = argc > 1 ? argv[1] : "";
-    const int status = mode == "crash" && argc == 4    ? crash(argv[2], std::atoi(argv[3]))
-                       : mode == "mounts" && argc == 4 ? mounts(argv[2], argv[3])
-                                                       : fail("usage: crash|mounts <args>");
-    std::fflush(stderr);
-    std::_Exit(status);
+    const std::string mode = argc == 4 ? argv[1] : "";
+    std::_Exit(mode == "crash"    ? crash(argv[2], std::atoi(argv[3]))
+               : mode == "mounts" ? mounts(argv[2], argv[3])
+                                  : fail("usage: crash|mounts <args>"));
 }

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -17,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/strings/format.h"
 #include "tests/logging/flat_file_child.h"
 #include "tests/logging/scoped_writer.h"
 #include "tests/support/temp_dir.h"
@@ -43,43 +43,41 @@ class FlatFileLogWriterTest : public ::testing::Test {
     kel::testing::TempDir dir_;
 };
 
-// Each case once through the pending text, which leads the truncated file,
-// and once straight to the open file.
+// Records written while no file is open lead the truncated file, then every
+// record goes straight to it.
 TEST_F(FlatFileLogWriterTest, WritesOneLinePerRecordPendingOnesFirst) {
     const std::string longFirst(300, 'f'), longSecond(600, 's');
     const struct {
         lum::LogMessage message;
         std::string expected;
-    } cases[] = {
+    } kCases[] = {
         {record(1234567890123, LogLevel::kInfo, "a", "b"), "1234.568:Info:a:b\n"},
         {record(999999, LogLevel::kDebug, "a", "b"), "0.001:Debug:a:b\n"},
         {record(0, LogLevel::kNotice, "a", "b"), "0.000:Notice:a:b\n"},
         {record(-1500000, LogLevel::kWarning, "a", "b"), "-0.002:Warning:a:b\n"},
         {record(-1, LogLevel::kError, "a", "b"), "-0.000:Error:a:b\n"},
         {record(3000000, LogLevel::kFault, "", ""), "0.003:Fault::\n"},
-        {record(4000000, LogLevel::kInfo, "x:y", "line\nnext:\n"),
-         "0.004:Info:x:y:line\nnext:\n\n"},
-        {record(5000000, LogLevel::kInfo, longFirst, longSecond),
-         "0.005:Info:" + longFirst + ":" + longSecond + "\n"},
+        // Levels without a name are written as numbers.
+        {record(4000000, LogLevel{0}, "x:y", "line\nnext:\n"), "0.004:0:x:y:line\nnext:\n\n"},
+        {record(5000000, LogLevel{255}, longFirst, longSecond),
+         "0.005:255:" + longFirst + ":" + longSecond + "\n"},
     };
     const std::string path = dir_.file("log");
+    std::ofstream(path) << std::string(10000, 'o');
     ScopedWriter writer(path);
     std::string expected;
-    for (const auto& c : cases) {
+    for (const auto& c : kCases) {
         writer->writeMessage(c.message);
         expected += c.expected;
     }
-    writer->close();  // with no file open: fails the stream, keeps the records
-    EXPECT_TRUE(writer->fileStreamFailedForTesting());
-    EXPECT_NE(access(path.c_str(), F_OK), 0);
-    std::ofstream(path) << std::string(10000, 'o');
     writer->open("");
+    EXPECT_EQ(readFile(path), expected);
+    writer->writeMessage(record("last"));
+    EXPECT_EQ(readFile(path), expected + line("last"));
+    writer->close();
     EXPECT_FALSE(writer->fileStreamFailedForTesting());
-    for (const auto& c : cases) {
-        writer->writeMessage(c.message);
-        expected += c.expected;
-        EXPECT_EQ(readFile(path), expected) << c.expected;
-    }
+    writer->close();  // with no file open
+    EXPECT_TRUE(writer->fileStreamFailedForTesting());
 }
 
 // Many threads writing at once, some records before the file is opened: every
@@ -123,10 +121,10 @@ TEST_F(FlatFileLogWriterTest, FailuresFailTheStreamUntilTheNextOpen) {
         std::string path;
         bool openTwice;
         std::string reachesNextFile;
-    } cases[] = {{dir_.file("missing/log"), false, line("b") + line("c")},
-                 {"/dev/full", false, line("c")},
-                 {dir_.file("first"), true, line("c")}};
-    for (const auto& c : cases) {
+    } kCases[] = {{dir_.file("missing/log"), false, line("b") + line("c")},
+                  {"/dev/full", false, line("c")},
+                  {dir_.file("first"), true, line("c")}};
+    for (const auto& c : kCases) {
         SCOPED_TRACE(c.path);
         ScopedWriter writer(c.path);
         writer->writeMessage(record("a"));
@@ -174,9 +172,7 @@ TEST_F(FlatFileLogWriterTest, RecordsSurviveSigkill) {
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
     std::string expected;
     for (uint32_t index = 0; index < count; ++index) {
-        char text[64];
-        std::snprintf(text, sizeof text, "%.3f:Notice:child:%u\n", index * 0.001, index);
-        expected += text;
+        expected += platform::stringPrintf("%.3f:Notice:child:%u\n", index * 0.001, index);
     }
     EXPECT_EQ(readFile(dir_.file("log")), expected);
 }

@@ -12,18 +12,14 @@ class ScopedWriter {
   public:
     explicit ScopedWriter(const std::string& path)
         : writer_(FlatFileLogWriter::make_shared_ptr(new QueueSharingWriter(path))),
-          queue_(static_cast<QueueSharingWriter*>(writer_.get())->queue_) {
-        dispatch_retain(queue_);
-    }
+          queue_(dispatch::Owned<dispatch_queue_t>::retain(
+              static_cast<QueueSharingWriter*>(writer_.get())->queue_)) {}
     // Drops the only strong reference, then waits on the writer's queue for
     // the destruction queued there.
     ~ScopedWriter() {
         writer_.reset();
-        dispatch_sync(queue_, [] {});
-        dispatch_release(queue_);
+        dispatch_sync(queue_.get(), [] {});
     }
-    ScopedWriter(const ScopedWriter&) = delete;
-    ScopedWriter& operator=(const ScopedWriter&) = delete;
 
     FlatFileLogWriter* operator->() const { return writer_.get(); }
 
@@ -34,5 +30,5 @@ class ScopedWriter {
     };
 
     std::shared_ptr<FlatFileLogWriter> writer_;
-    dispatch_queue_t queue_;
+    dispatch::Owned<dispatch_queue_t> queue_;
 };

@@ -13,8 +13,8 @@ namespace {
 // access to them.
 class Probe : public lum::SharedSynchronizable<Probe> {
   public:
-    Probe(dispatch_queue_t target, std::vector<std::string>* events)
-        : SharedSynchronizable("probe", DISPATCH_QUEUE_SERIAL, target), events_(events) {}
+    explicit Probe(std::vector<std::string>* events)
+        : SharedSynchronizable("probe", DISPATCH_QUEUE_SERIAL, nullptr), events_(events) {}
     virtual ~Probe() { events_->push_back("destroyed"); }
     using SharedSynchronizable::queue_;
 
@@ -22,47 +22,33 @@ class Probe : public lum::SharedSynchronizable<Probe> {
     std::vector<std::string>* events_;
 };
 
-// Without a target an idle queue runs execute_sync inline; with one, the work
-// runs on a target thread and the probe keeps the target alive. Either way the
-// last reference, dropped while another thread holds the queue busy, returns
-// at once, and the destruction runs on the queue after the busy work and
-// before work queued later.
+// An idle queue runs execute_sync inline. The last reference, dropped while
+// another thread holds the queue busy, returns at once, and the destruction
+// runs on the queue after the busy work and before work queued later.
 TEST(SharedSynchronizableTest, RunsOnItsQueueAndIsDestroyedThere) {
-    for (const bool withTarget : {false, true}) {
-        SCOPED_TRACE(withTarget ? "with a target" : "without a target");
-        std::vector<std::string> events;
-        dispatch_queue_t target =
-            withTarget ? dispatch_queue_create("target", DISPATCH_QUEUE_SERIAL) : nullptr;
-        std::shared_ptr<Probe> probe = Probe::make_shared_ptr(new Probe(target, &events));
-        if (target != nullptr) {
-            dispatch_release(target);
-        }
-        dispatch_queue_t queue = probe->queue_;
-        dispatch_retain(queue);
+    std::vector<std::string> events;
+    std::shared_ptr<Probe> probe = Probe::make_shared_ptr(new Probe(&events));
+    const auto queue = dispatch::Owned<dispatch_queue_t>::retain(probe->queue_);
+    std::thread::id ranOn;
+    probe->execute_sync([&] { ranOn = std::this_thread::get_id(); });
+    EXPECT_EQ(ranOn, std::this_thread::get_id());
 
-        std::thread::id ranOn;
-        probe->execute_sync([&] { ranOn = std::this_thread::get_id(); });
-        EXPECT_EQ(ranOn == std::this_thread::get_id(), !withTarget);
-
-        std::promise<void> entered, release;
-        std::thread busy([&, raw = probe.get()] {
-            raw->execute_sync([&] {
-                entered.set_value();
-                release.get_future().wait();
-                events.push_back("busy work");
-            });
+    std::promise<void> entered, release;
+    std::thread busy([&, raw = probe.get()] {
+        raw->execute_sync([&] {
+            entered.set_value();
+            release.get_future().wait();
+            events.push_back("busy work");
         });
-        entered.get_future().wait();
-        probe.reset();
-        events.push_back("dropped");
-        release.set_value();
-
-        dispatch_sync(queue, [&] { events.push_back("later work"); });
-        busy.join();
-        dispatch_release(queue);
-        EXPECT_EQ(events,
-                  (std::vector<std::string>{"dropped", "busy work", "destroyed", "later work"}));
-    }
+    });
+    entered.get_future().wait();
+    probe.reset();
+    events.push_back("dropped");
+    release.set_value();
+    dispatch_sync(queue.get(), [&] { events.push_back("later work"); });
+    busy.join();
+    EXPECT_EQ(events,
+              (std::vector<std::string>{"dropped", "busy work", "destroyed", "later work"}));
 }
 
 }  // namespace

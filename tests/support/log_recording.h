@@ -3,8 +3,9 @@
 #pragma once
 
 #include <fcntl.h>
-#include <unistd.h>
+#include <signal.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <sstream>
@@ -12,28 +13,32 @@
 #include <vector>
 
 #include "platform/logserver/log.h"
+#include "platform/posix/unique_fd.h"
 #include "platform/systemlog/system_log.h"
 #include "tests/support/temp_dir.h"
 
 namespace kel::testing {
 
+// Keeps every record it gets, counts those delivered on a thread that blocks
+// SIGTERM (as the platform's threads do, and a test's own threads do not), and
+// counts closes.
 class RecordingWriter : public lum::LogWriter {
   public:
     void writeMessage(const lum::LogMessage& message) override {
+        sigset_t mask;
+        pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+        sigtermBlockedDeliveries += sigismember(&mask, SIGTERM);
         std::lock_guard lock(mutex_);
         messages_.push_back(message);
     }
+    void close() override { ++closes; }
     std::vector<lum::LogMessage> messages() {
         std::lock_guard lock(mutex_);
         return messages_;
     }
-    std::vector<std::string> texts() {
-        std::vector<std::string> result;
-        for (const lum::LogMessage& message : messages()) {
-            result.push_back(message.secondText);
-        }
-        return result;
-    }
+
+    std::atomic<int> sigtermBlockedDeliveries{0};
+    std::atomic<int> closes{0};
 
   private:
     std::mutex mutex_;
@@ -50,11 +55,8 @@ struct RecordedLogServer {
 
     // Waits until every record submitted so far has reached the writer.
     void flush() const {
-        dispatch_group_t group = server->flush();
-        if (group != nullptr) {
-            dispatch_group_wait(group, DISPATCH_TIME_FOREVER);
-            dispatch_release(group);
-        }
+        const auto flushed = dispatch::Owned<dispatch_group_t>::adopt(server->flush());
+        dispatch_group_wait(flushed.get(), DISPATCH_TIME_FOREVER);
     }
 
     std::shared_ptr<RecordingWriter> writer = std::make_shared<RecordingWriter>();
@@ -65,10 +67,7 @@ struct RecordedLogServer {
 class CapturedSystemLog {
   public:
     CapturedSystemLog() = default;
-    ~CapturedSystemLog() {
-        systemlog::redirectForTesting(previous_);
-        close(fd_);
-    }
+    ~CapturedSystemLog() { systemlog::redirectForTesting(previous_); }
     CapturedSystemLog(const CapturedSystemLog&) = delete;
     CapturedSystemLog& operator=(const CapturedSystemLog&) = delete;
 
@@ -83,8 +82,9 @@ class CapturedSystemLog {
 
   private:
     TempDir dir_;
-    const int fd_ = open(dir_.file("systemlog").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    const int previous_ = systemlog::redirectForTesting(fd_);
+    const platform::UniqueFd fd_{
+        open(dir_.file("systemlog").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)};
+    const int previous_ = systemlog::redirectForTesting(fd_.get());
 };
 
 }  // namespace kel::testing

@@ -1,23 +1,28 @@
 #include "platform/strings/tokenize.h"
 
-#include <tuple>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 namespace {
 
+// Only the last field reaches the path operations, so the empty fields
+// between separators are checked here.
 TEST(TokenizeTest, KeepsEmptyFieldsInOrder) {
-    const std::tuple<std::string, char, std::vector<std::string>> kCases[] = {
-        {"", '/', {}},
-        {"a", '/', {"a"}},
-        {"/", '/', {"", ""}},
-        {"/a/b", '/', {"", "a", "b"}},
-        {"a//b", '/', {"a", "", "b"}},
-        {"a/", '/', {"a", ""}},
-        {"a b  c", ' ', {"a", "b", "", "c"}},
+    const struct {
+        std::string text;
+        std::vector<std::string> fields;
+    } kCases[] = {
+        {"", {}},
+        {"a", {"a"}},
+        {"/", {"", ""}},
+        {"a/", {"a", ""}},
+        {"a//b", {"a", "", "b"}},
+        {"/a/b", {"", "a", "b"}},
     };
-    for (const auto& [text, separator, fields] : kCases) {
-        EXPECT_EQ(lum::tokenize(text, separator, 0), fields) << '"' << text << '"';
+    for (const auto& c : kCases) {
+        EXPECT_EQ(lum::tokenize(c.text, '/', 0), c.fields) << '"' << c.text << '"';
     }
 }
 
