@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <fstream>
 #include <stdexcept>
+#include <string_view>
 #include <thread>
 
 extern char** environ;
@@ -22,9 +23,17 @@ using Clock = std::chrono::steady_clock;
 DaemonProcess::DaemonProcess(const std::string& binary,
                              const std::vector<std::string>& extraEnvironment, int stderrFd,
                              const std::vector<std::string>& arguments) {
+    // An extra entry replaces an inherited one of the same name.
+    const auto overridden = [&](std::string_view entry) {
+        const std::string_view name = entry.substr(0, entry.find('=') + 1);
+        return std::any_of(extraEnvironment.begin(), extraEnvironment.end(),
+                           [&](const std::string& extra) { return extra.starts_with(name); });
+    };
     std::vector<char*> envp;
     for (char** entry = environ; *entry != nullptr; ++entry) {
-        envp.push_back(*entry);
+        if (!overridden(*entry)) {
+            envp.push_back(*entry);
+        }
     }
     for (const std::string& entry : extraEnvironment) {
         envp.push_back(const_cast<char*>(entry.c_str()));

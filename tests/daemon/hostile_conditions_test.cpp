@@ -16,8 +16,8 @@
 
 #include "platform/posix/unique_fd.h"
 #include "tests/daemon/daemon_process.h"
-#include "tests/support/temp_dir.h"
 #include "tests/support/outside_probes.h"
+#include "tests/support/temp_dir.h"
 
 namespace kel::testing {
 namespace {
@@ -107,9 +107,10 @@ TEST_P(SigtermTest, EndsInOrderWithinBound) {
     }
     fcntl(writer.get(), F_SETFL, 0);  // a blocking standard error, as usual
     // ThreadSanitizer would otherwise wait a second before every exit.
-    daemon_.emplace(KEL_DAEMON_REAL,
-                    std::vector<std::string>{environment_, "TSAN_OPTIONS=atexit_sleep_ms=0"},
-                    writer.get());
+    daemon_.emplace(
+        KEL_DAEMON_REAL,
+        std::vector<std::string>{environment_, "TSAN_OPTIONS=halt_on_error=1:atexit_sleep_ms=0"},
+        writer.get());
     writer.reset();
     reader.reset(GetParam().stderrReaderGone ? -1 : reader.release());
     ASSERT_TRUE(daemon_->waitUntilSigtermIgnored(kQuick));
