@@ -1,6 +1,6 @@
 #include "platform/posix/thread.h"
 
-#include <pthread.h>
+#include <sys/prctl.h>
 
 #include <system_error>
 
@@ -12,11 +12,15 @@ std::optional<std::thread> startThread(const char* name, std::function<void()> b
     const ScopedThreadSignalMask mask;
     std::optional<std::thread> thread;
     try {
-        thread.emplace(std::move(body));
+        // The thread names itself: one call of its own, where naming it from
+        // here would open and write its /proc entry on the caller's time.
+        thread.emplace([name, body = std::move(body)] {
+            prctl(PR_SET_NAME, name);
+            body();
+        });
     } catch (const std::system_error&) {
         return std::nullopt;
     }
-    pthread_setname_np(thread->native_handle(), name);
     return thread;
 }
 

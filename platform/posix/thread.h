@@ -2,7 +2,8 @@
 //
 // The thread is created inside a ScopedThreadSignalMask, so it never runs an
 // instruction with a process-directed signal unblocked (see signal_mask.h),
-// and it carries `name` (at most 15 characters) in /proc and in debuggers.
+// and it carries `name` (at most 15 characters; a string that outlives the
+// thread, such as a literal) in /proc and in debuggers.
 #pragma once
 
 #include <functional>

@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -141,29 +142,81 @@ std::string schedulerState(pid_t tid) {
     return close != std::string::npos && close + 2 < stat.size() ? stat.substr(close + 2, 1) : "?";
 }
 
+// The part of elfutils' libdw that the reports use, loaded with the first
+// report: a daemon that never hangs never maps libdw and the compression
+// libraries it pulls in, which keeps its start, its memory and its exit what
+// they are without them. Null when libdw is not installed; frames then name
+// their functions from the dynamic symbols only, without source lines.
+struct DwarfLibrary {
+    decltype(&dwfl_begin) begin;
+    decltype(&dwfl_linux_proc_report) reportProcess;
+    decltype(&dwfl_report_end) reportEnd;
+    decltype(&dwfl_end) end;
+    decltype(&dwfl_addrmodule) moduleAt;
+    decltype(&dwfl_module_addrinfo) symbolAt;
+    decltype(&dwfl_module_getsrc) sourceAt;
+    decltype(&dwfl_lineinfo) lineInfo;
+    Dwfl_Callbacks callbacks;
+
+    static const DwarfLibrary* get() {
+        static const DwarfLibrary* const sLibrary = load();
+        return sLibrary;
+    }
+
+  private:
+    static const DwarfLibrary* load() {
+        // Never unloaded: the monitor may write another report later.
+        void* handle = dlopen("libdw.so.1", RTLD_NOW | RTLD_LOCAL);
+        if (handle == nullptr) {
+            return nullptr;
+        }
+        auto* library = new DwarfLibrary{};
+        const auto resolve = [handle](auto& function, const char* name) {
+            function =
+                reinterpret_cast<std::remove_reference_t<decltype(function)>>(dlsym(handle, name));
+            return function != nullptr;
+        };
+        if (resolve(library->begin, "dwfl_begin") &&
+            resolve(library->reportProcess, "dwfl_linux_proc_report") &&
+            resolve(library->reportEnd, "dwfl_report_end") && resolve(library->end, "dwfl_end") &&
+            resolve(library->moduleAt, "dwfl_addrmodule") &&
+            resolve(library->symbolAt, "dwfl_module_addrinfo") &&
+            resolve(library->sourceAt, "dwfl_module_getsrc") &&
+            resolve(library->lineInfo, "dwfl_lineinfo") &&
+            resolve(library->callbacks.find_elf, "dwfl_linux_proc_find_elf") &&
+            resolve(library->callbacks.find_debuginfo, "dwfl_standard_find_debuginfo")) {
+            return library;
+        }
+        delete library;
+        return nullptr;
+    }
+};
+
 // Functions, source files and lines of code addresses in this process, from
 // the symbol tables and debug information of the executable and its
 // libraries. Made for one report, on the monitor thread: reading them
 // allocates and opens files.
 class Symbolizer {
   public:
-    Symbolizer() {
-        static const Dwfl_Callbacks kCallbacks = {dwfl_linux_proc_find_elf,
-                                                  dwfl_standard_find_debuginfo, nullptr, nullptr};
-        dwfl_ = dwfl_begin(&kCallbacks);
-        if (dwfl_ != nullptr && (dwfl_linux_proc_report(dwfl_, getpid()) != 0 ||
-                                 dwfl_report_end(dwfl_, nullptr, nullptr) != 0)) {
-            dwfl_end(std::exchange(dwfl_, nullptr));
+    Symbolizer() : dw_(DwarfLibrary::get()) {
+        dwfl_ = dw_ != nullptr ? dw_->begin(&dw_->callbacks) : nullptr;
+        if (dwfl_ != nullptr && (dw_->reportProcess(dwfl_, getpid()) != 0 ||
+                                 dw_->reportEnd(dwfl_, nullptr, nullptr) != 0)) {
+            dw_->end(std::exchange(dwfl_, nullptr));
         }
     }
-    ~Symbolizer() { dwfl_end(dwfl_); }
+    ~Symbolizer() {
+        if (dwfl_ != nullptr) {
+            dw_->end(dwfl_);
+        }
+    }
     Symbolizer(const Symbolizer&) = delete;
     Symbolizer& operator=(const Symbolizer&) = delete;
 
     // "%p function+offset (object) at file:line", with what is known of it.
     std::string describe(void* address) const {
         const auto pc = reinterpret_cast<uintptr_t>(address);
-        Dwfl_Module* module = dwfl_ != nullptr ? dwfl_addrmodule(dwfl_, pc) : nullptr;
+        Dwfl_Module* module = dwfl_ != nullptr ? dw_->moduleAt(dwfl_, pc) : nullptr;
         Dl_info info{};
         if (dladdr(address, &info) == 0) {
             info = {};
@@ -174,7 +227,7 @@ class Symbolizer {
             offset = pc - reinterpret_cast<uintptr_t>(info.dli_saddr);
         } else if (module != nullptr) {
             GElf_Sym symbol;
-            name = dwfl_module_addrinfo(module, pc, &offset, &symbol, nullptr, nullptr, nullptr);
+            name = dw_->symbolAt(module, pc, &offset, &symbol, nullptr, nullptr, nullptr);
         }
         const char* object = info.dli_fname != nullptr ? info.dli_fname : "??";
         std::string text;
@@ -192,10 +245,10 @@ class Symbolizer {
         }
         // A return address is just past its call: the call's line is the one
         // of the byte before it.
-        Dwfl_Line* line = module != nullptr ? dwfl_module_getsrc(module, pc - 1) : nullptr;
+        Dwfl_Line* line = module != nullptr ? dw_->sourceAt(module, pc - 1) : nullptr;
         int lineNumber = 0;
         const char* file =
-            line != nullptr ? dwfl_lineinfo(line, nullptr, &lineNumber, nullptr, nullptr, nullptr)
+            line != nullptr ? dw_->lineInfo(line, nullptr, &lineNumber, nullptr, nullptr, nullptr)
                             : nullptr;
         if (file != nullptr) {
             text += platform::stringPrintf(" at %s:%d", file, lineNumber);
@@ -204,6 +257,7 @@ class Symbolizer {
     }
 
   private:
+    const DwarfLibrary* const dw_;
     Dwfl* dwfl_ = nullptr;
 };
 
