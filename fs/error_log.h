@@ -4,25 +4,18 @@
 #pragma once
 
 #include <cstdarg>
-#include <string>
 
 #include "logging/global_log.h"
-#include "platform/strings/format.h"
 #include "platform/systemlog/system_log.h"
 
 namespace fsutil::internal {
 
-// Formats like printf only when the error level is enabled.
+// Formats like printf; nothing when the error level is disabled.
 inline __attribute__((format(printf, 1, 2))) void logError(const char* format, ...) {
-    const systemlog::Handle log = kel::globalLogContext().handle();
-    if (!systemlog::isEnabled(log, systemlog::Level::kError)) {
-        return;
-    }
     va_list args;
     va_start(args, format);
-    const std::string text = platform::stringPrintfV(format, args);
+    systemlog::writeV(kel::globalLogContext().handle(), systemlog::Level::kError, format, args);
     va_end(args);
-    systemlog::write(log, systemlog::Level::kError, "%s", text.c_str());
 }
 
 }  // namespace fsutil::internal

@@ -8,7 +8,6 @@
 
 #include "platform/logserver/log.h"
 #include "platform/posix/file_util.h"
-#include "platform/strings/format.h"
 
 namespace kel::runtime_paths {
 
@@ -48,9 +47,8 @@ void reportError(const char* format, ...) {
         systemlog::create(lum::kTelephonySubsystem, "HelperServer");
     va_list args;
     va_start(args, format);
-    const std::string text = platform::stringPrintfV(format, args);
+    systemlog::writeV(sLog, systemlog::Level::kError, format, args);
     va_end(args);
-    systemlog::write(sLog, systemlog::Level::kError, "%s", text.c_str());
 }
 
 }  // namespace kel::runtime_paths

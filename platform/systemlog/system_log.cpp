@@ -166,13 +166,17 @@ void setEnabled(Level level, bool enabled) {
 }
 
 void write(Handle handle, Level level, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    writeV(handle, level, format, args);
+    va_end(args);
+}
+
+void writeV(Handle handle, Level level, const char* format, va_list args) {
     if (!isEnabled(handle, level)) {
         return;
     }
-    va_list args;
-    va_start(args, format);
     const std::string message = platform::stringPrintfV(format, args);
-    va_end(args);
 
     // A message may end its own line; every other line feed is escaped.
     size_t length = message.size();

@@ -18,6 +18,8 @@
 // signal's disposition is touched.
 #pragma once
 
+#include <cstdarg>
+
 namespace systemlog {
 
 enum class Level {
@@ -47,6 +49,8 @@ void setEnabled(Level level, bool enabled);
 // lines of concurrent writers never interleave.
 void write(Handle handle, Level level, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
+void writeV(Handle handle, Level level, const char* format, va_list args)
+    __attribute__((format(printf, 3, 0)));
 
 // The file descriptor that lines go to (standard error unless changed).
 // Returns the previous one. For tests.

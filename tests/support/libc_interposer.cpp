@@ -1,8 +1,8 @@
 // Definitions of libc functions that take precedence over the C library's in a
 // test executable: each asks the thread's CallRecorder whether to fail, then
 // hands the call to the next definition in the lookup order (the C library's,
-// or a sanitizer's). Each declaration must match the C library's, exception
-// specification included.
+// or a sanitizer's). Each declaration must match the C library's,
+// noexcept included.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
