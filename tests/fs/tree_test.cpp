@@ -8,8 +8,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <optional>
-#include <sstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -143,38 +141,16 @@ TEST(DirectoriesTest, RemovalRacingFolderSwapsNeverLeavesTheTree) {
     EXPECT_THAT(treeContents(root.path()), ElementsAre("o", "o/k"));
 }
 
-// Runs `run` on a fresh tree with its N-th call failing, for every N until a
-// run meets no failure, checking that no descriptor or guard is left behind.
-// Returns the calls and guards of the run without failure, with ":f" after
-// each call whose failure failed the operation.
+// The fault sweep of `run` on a fresh tree, built by `script` before each run.
 std::string sweep(const std::string& script, const std::function<bool(const std::string&)>& run) {
-    const auto openFds = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    };
-    std::string clean;
-    Tree marks;
-    for (int failing = 0;; ++failing) {
-        const TempDir root;
-        makeTree(root.path(), script);
-        const auto fdsBefore = openFds();
-        std::optional<CallRecorder> recorder(std::in_place, InjectedFailure{"", failing});
-        const bool result = run(root.path());
-        EXPECT_EQ(recorder->armedGuards(), 0) << recorder->log();
-        if (failing > 0 && !recorder->injected()) {
-            break;
-        }
-        failing == 0 ? void(clean = recorder->log()) : marks.push_back(result ? "" : ":f");
-        recorder.reset();
-        EXPECT_EQ(openFds(), fdsBefore) << failing;
-    }
-    std::istringstream events(clean);
-    std::string annotated;
-    size_t call = 0;
-    for (std::string event; events >> event;) {
-        annotated += (annotated.empty() ? "" : " ") + event +
-                     (event == "[" || event == "]" ? "" : marks.at(call++));
-    }
-    return annotated;
+    const TempDir root;
+    const std::string tree = root.file("t");
+    return sweepFailures([&] { return run(tree); },
+                         [&] {
+                             std::filesystem::remove_all(tree);
+                             std::filesystem::create_directory(tree);
+                             makeTree(tree, script);
+                         });
 }
 
 // Each tree makes the same calls in whatever order its folders list.
