@@ -21,6 +21,7 @@
 #include "tests/support/call_recorder.h"
 #include "tests/support/log_recording.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/test_child.h"
 
 namespace {
 
@@ -161,17 +162,12 @@ TEST(LockSharedTest, WaitsForAWriteLockOnlyAndAHungWaitIsReportedOnce) {
     EXPECT_NE(readFile(reports[0]).find(fsutil::kWatchdogReason), std::string::npos);
 }
 
-// Runs itself again in a namespace of its own, over a fresh 256 KiB tmpfs.
+// Runs itself again in a child over a fresh 256 KiB tmpfs.
 TEST(VolumeStatsTest, GivesTheFiguresOfASmallTmpfs) {
-    const char* const mountPoint = std::getenv("KEL_TEST_SMALL_TMPFS");
+    const char* const mountPoint = kel::testing::childArgument();
     if (mountPoint == nullptr) {
         const kel::testing::TempDir dir;
-        const std::string command =
-            "unshare --user --map-root-user --mount sh -c 'mount -t tmpfs -o size=256k kel " +
-            dir.path() + " && KEL_TEST_SMALL_TMPFS=" + dir.path() + " exec " +
-            std::filesystem::read_symlink("/proc/self/exe").string() +
-            " --gtest_filter=VolumeStatsTest.*'";
-        EXPECT_EQ(std::system(command.c_str()), 0);
+        EXPECT_EQ(kel::testing::runTestAgainOnTmpfs(dir.path(), "256k"), 0);
         return;
     }
     const uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));

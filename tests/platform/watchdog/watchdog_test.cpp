@@ -19,6 +19,7 @@
 #include "platform/systemlog/system_log.h"
 #include "platform/trace/trace.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/test_child.h"
 
 constexpr char kHungReason[] = "watchdog test: step hung";
 int sStepLine = 0;
@@ -94,20 +95,17 @@ TEST(WatchdogTableTest, GuardsAreIndependentUntilTheTableIsFull) {
 }
 
 // The snapshot folder is fixed when the process starts, so the hung-step test
-// runs in a fresh copy of this executable whose environment points it at a
-// temporary folder. The report says what the hung thread was blocked in, read
-// before the capture disturbed it, and where.
-constexpr char kChildMarker[] = "KEL_WATCHDOG_REPORT_CHILD";
+// runs in a child whose environment points it at a temporary folder. The
+// report says what the hung thread was blocked in, read before the capture
+// disturbed it, and where.
 constexpr char kQuickReason[] = "watchdog test: quick step";
 
 TEST(WatchdogReportTest, HungStepIsReportedOnceAndResultKept) {
-    if (getenv(kChildMarker) == nullptr) {
+    const char* const runtimeDir = kel::testing::childArgument();
+    if (runtimeDir == nullptr) {
         const kel::testing::TempDir dir;
-        EXPECT_EQ(std::system(("KEL_HELPER_RUNTIME_DIR='" + dir.path() + "' " + kChildMarker +
-                               "=1 /proc/" + std::to_string(getpid()) +
-                               "/exe --gtest_filter=WatchdogReportTest.*")
-                                  .c_str()),
-                  0);
+        EXPECT_EQ(
+            kel::testing::runTestAgain(dir.path(), "env KEL_HELPER_RUNTIME_DIR=" + dir.path()), 0);
         return;
     }
     // A report that has not come within 10 s counts as missing: the alarm
@@ -148,8 +146,7 @@ TEST(WatchdogReportTest, HungStepIsReportedOnceAndResultKept) {
     // (read among them): there the hung thread cannot answer in time.
     EXPECT_EQ(report.find("stack report: "), report.rfind("stack report: ")) << report;
     EXPECT_EQ(report.find(kQuickReason), std::string::npos) << report;
-    EXPECT_EQ(kel::trace::kSnapshotFolder,
-              getenv("KEL_HELPER_RUNTIME_DIR") + std::string("/snapshots/"));
+    EXPECT_EQ(kel::trace::kSnapshotFolder, runtimeDir + std::string("/snapshots/"));
     const std::vector<std::filesystem::path> files(
         std::filesystem::directory_iterator(kel::trace::kSnapshotFolder), {});
     ASSERT_EQ(files.size(), 1u);
