@@ -151,19 +151,57 @@ TEST_F(DaemonTest, RefusedStartsReportAndExitAtOnce) {
     EXPECT_NE(access(socketPath().c_str(), F_OK), 0);
 }
 
-// However many signals arrive, one is reported and the exit is orderly; the
-// last run, without a log server, ends the same way in silence.
-TEST_F(DaemonTest, SigtermStormGivesOneOrderlyExit) {
-    for (int run = 0; run <= 10; ++run) {
-        SCOPED_TRACE(run);
-        const bool silent = run == 10;
-        DaemonProcess daemon(silent ? KEL_DAEMON_NOLOGSERVER : KEL_DAEMON_REAL, environment());
-        ASSERT_TRUE(daemon.waitUntilSigtermIgnored(kQuick));
-        for (int i = 0; i < 1000; ++i) {
-            daemon.sendSignal(SIGTERM);
+enum class Stderr { kRead, kFull, kReaderGone };
+
+// However many signals arrive and whatever holds the daemon up, one is
+// reported and the exit is orderly, within a bound, the socket removed. A
+// daemon without a log server ends the same way in silence.
+TEST_F(DaemonTest, SigtermEndsItInOrderWithinABound) {
+    const struct {
+        const char* name;
+        int runs = 1;
+        int signals = 1;
+        const char* binary = KEL_DAEMON_REAL;
+        int flatOutClients = 0;
+        Stderr stderrIs = Stderr::kRead;  // else nobody reads it
+        std::chrono::milliseconds bound = kQuick;
+    } kCases[] = {
+        {.name = "a storm of signals", .runs = 10, .signals = 1000},
+        {.name = "a storm, no log server", .signals = 1000, .binary = KEL_DAEMON_NOLOGSERVER},
+        {.name = "64 clients writing flat out", .flatOutClients = 64, .bound = 200ms},
+        {.name = "a full standard error", .stderrIs = Stderr::kFull, .bound = 2s},
+        {.name = "a standard error with no reader", .stderrIs = Stderr::kReaderGone, .bound = 2s},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.name);
+        for (int run = 0; run < c.runs; ++run) {
+            int fds[2];
+            ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+            UniqueFd reader(fds[0]);
+            UniqueFd writer(fds[1]);
+            static const char kFiller[4096] = {};
+            while (c.stderrIs == Stderr::kFull &&
+                   write(writer.get(), kFiller, sizeof kFiller) > 0) {
+            }
+            fcntl(writer.get(), F_SETFL, 0);  // a blocking standard error, as usual
+            std::vector<std::string> env = environment();
+            // ThreadSanitizer would otherwise wait a second before every exit.
+            env.push_back("TSAN_OPTIONS=atexit_sleep_ms=0");
+            DaemonProcess daemon(c.binary, env, c.stderrIs == Stderr::kRead ? -1 : writer.get());
+            writer.reset();
+            reader.reset(c.stderrIs == Stderr::kReaderGone ? -1 : reader.release());
+            ASSERT_TRUE(daemon.waitUntilSigtermIgnored(kQuick));
+            const auto clients = writeFlatOut(socketPath(), c.flatOutClients);
+            std::this_thread::sleep_for(c.flatOutClients > 0 ? 300ms : 0ms);
+            for (int i = 0; i < c.signals; ++i) {
+                daemon.sendSignal(SIGTERM);
+            }
+            const bool told =
+                c.stderrIs == Stderr::kRead && c.binary == std::string(KEL_DAEMON_REAL);
+            const std::vector<std::string> expected = {kSignal, kExit};
+            EXPECT_EQ(exitedCleanly(daemon, c.bound), told ? expected : std::vector<std::string>{});
+            EXPECT_NE(access(socketPath().c_str(), F_OK), 0);
         }
-        const std::vector<std::string> expected = {kSignal, kExit};
-        EXPECT_EQ(exitedCleanly(daemon, kQuick), silent ? std::vector<std::string>{} : expected);
     }
 }
 
@@ -297,45 +335,6 @@ TEST_F(DaemonTest, DescriptorShortageIsSaidOnceAndCostsNoCpu) {
                 ElementsAre(StartsWith("<3>cannot accept more clients on "), kSignal, kExit));
 }
 
-struct SigtermCase {
-    const char* name;
-    int flatOutClients;
-    bool stderrFull;        // nobody reads, and the pipe has no room left
-    bool stderrReaderGone;  // nobody ever will
-    std::chrono::milliseconds bound;
-};
-
-class SigtermTest : public DaemonTest, public ::testing::WithParamInterface<SigtermCase> {};
-
-TEST_P(SigtermTest, EndsInOrderWithinBound) {
-    int fds[2];
-    ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
-    UniqueFd reader(fds[0]);
-    UniqueFd writer(fds[1]);
-    static const char kFiller[4096] = {};
-    while (GetParam().stderrFull && write(writer.get(), kFiller, sizeof kFiller) > 0) {
-    }
-    fcntl(writer.get(), F_SETFL, 0);  // a blocking standard error, as usual
-    std::vector<std::string> env = environment();
-    // ThreadSanitizer would otherwise wait a second before every exit.
-    env.push_back("TSAN_OPTIONS=atexit_sleep_ms=0");
-    DaemonProcess daemon(KEL_DAEMON_REAL, env, writer.get());
-    writer.reset();
-    reader.reset(GetParam().stderrReaderGone ? -1 : reader.release());
-    ASSERT_TRUE(daemon.waitUntilSigtermIgnored(kQuick));
-    const auto clients = writeFlatOut(socketPath(), GetParam().flatOutClients);
-    std::this_thread::sleep_for(GetParam().flatOutClients > 0 ? 300ms : 0ms);
-    daemon.sendSignal(SIGTERM);
-    exitedCleanly(daemon, GetParam().bound);
-    EXPECT_NE(access(socketPath().c_str(), F_OK), 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(Hostile, SigtermTest,
-                         ::testing::Values(SigtermCase{"FlatOutClients", 64, false, false, 200ms},
-                                           SigtermCase{"FullStderr", 0, true, false, 2s},
-                                           SigtermCase{"StderrReaderGone", 0, false, true, 2s}),
-                         [](const auto& info) { return std::string(info.param.name); });
-
 enum class Outcome {
     kWritten,       // the file holds the run's records, and only them
     kLeftoverKept,  // the earlier run's file is as it was
@@ -351,7 +350,7 @@ struct LogFileCase {
     bool carrierBuild = true;
     bool leftover = false;  // a log file of an earlier run is in place
     bool refused = false;   // the daemon may not host and ends by itself; else SIGTERM ends it
-    bool mirrored = true;   // the system log's default level is on
+    bool mirrored = true;   // the system log's default level is on, and it mirrors the records
 };
 
 class LogFileTest : public DaemonTest, public ::testing::WithParamInterface<LogFileCase> {};
@@ -384,16 +383,13 @@ TEST_P(LogFileTest, KeepsTheRunsRecordsOnlyWhenEnabled) {
         ASSERT_TRUE(daemon.waitUntilSigtermIgnored(kQuick));
         daemon.sendSignal(SIGTERM);
     }
-    const std::vector<std::string> stderrLines = exitedCleanly(daemon, kQuick);
-    std::vector<std::string> mirror;
+    // The other runs check the lines themselves; here only that there are some.
+    EXPECT_EQ(exitedCleanly(daemon, kQuick).empty(), !run.mirrored);
     std::string records;
     for (const std::string message :
          {run.refused ? "Not allowed to host kel helper server!" : "Signal received", "Exit!"}) {
-        mirror.push_back("<5>#I " + message);
         records += "[0-9]+\\.[0-9]{3}:Info:" + program + ":" + message + "\n";
     }
-    EXPECT_EQ(stderrLines, run.mirrored ? mirror : std::vector<std::string>{});
-
     if (run.outcome == Outcome::kWritten) {
         EXPECT_THAT(readFile(logPath), ::testing::MatchesRegex(records));
     } else if (run.outcome == Outcome::kLeftoverKept) {

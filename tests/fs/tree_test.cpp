@@ -15,6 +15,7 @@
 #include "fs/directories.h"
 #include "fs/ownership.h"
 #include "fs/paths.h"
+#include "fs/watchdog_guard.h"
 #include "tests/support/call_recorder.h"
 #include "tests/support/log_recording.h"
 #include "tests/support/temp_dir.h"
@@ -153,7 +154,9 @@ std::string sweep(const std::string& script, const std::function<bool(const std:
                          });
 }
 
-// Each tree makes the same calls in whatever order its folders list.
+// The operations on trees and paths, each through exactly these calls and
+// guards, and with each of its calls failing in turn (see sweepFailures). Each
+// tree makes the same calls in whatever order its folders list.
 TEST(FaultSweepTest, EveryFailureIsAResult) {
     const CapturedSystemLog quiet;
     sHeldTime = time(nullptr) + 9;
@@ -193,6 +196,27 @@ TEST(FaultSweepTest, EveryFailureIsAResult) {
                                fsutil::removePath(r + "/n");
                     }),
               "[ chown:f ] [ chmod:f ] [ rename:f ] [ remove ]");
+    EXPECT_EQ(sweep("mkdir d",
+                    [](auto& r) {
+                        return fsutil::isDirectory(r + "/d") &&
+                               fsutil::makeDirectory(r + "/d", 0755, /*recursive=*/false) &&
+                               fsutil::makeDirectory(r + "/n", 0755, /*recursive=*/false) &&
+                               fsutil::makeDirectory(r + "/a/b", 0755, /*recursive=*/true);
+                    }),
+              "[ stat:f ] opendir:f readdir:f closedir [ stat:f ] [ stat ] [ mkdir:f ] [ stat ] "
+              "[ stat:f ] [ stat:f ] [ stat:f ] [ stat ] [ mkdir:f ] [ stat ] [ mkdir:f ]");
+    // An exception leaving nested guards disarms both.
+    EXPECT_EQ(sweep("true",
+                    [](auto&) {
+                        try {
+                            const fsutil::WatchdogGuard outer;
+                            const fsutil::WatchdogGuard inner;
+                            throw 1;
+                        } catch (int) {
+                        }
+                        return true;
+                    }),
+              "[ [ ] ]");
     sHeldTime = 0;
 }
 
