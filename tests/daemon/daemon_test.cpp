@@ -92,7 +92,6 @@ TEST_F(DaemonTest, RefusedStartsReportAndExitAtOnce) {
         const char* why = nullptr;  // what the first line says, when something is in the way
     } kCases[] = {
         {.refusal = "another daemon hosts", .folder = "run"},
-        {.refusal = "the server cannot be made", .folder = "run", .binary = KEL_DAEMON_NOCREATE},
         // Away from the host's lock, which would refuse it anyway.
         {.refusal = "the hosting check is absent", .folder = "a", .binary = KEL_DAEMON_NOWEAK},
         {.refusal = "a folder at the socket",

@@ -33,20 +33,22 @@ TEST(FileContentsTest, CopyFileTruncatesAndCopiesTheModeOnlyWhenAsked) {
     const kel::testing::TempDir dir;
     std::ofstream(dir.file("source")) << std::string(5000, 's');
     chmod(dir.file("source").c_str(), 0640);
-    // The destination, longer than the source, exists beforehand with mode
-    // 0600 unless `mode` is -1.
     const struct {
         std::string source;
-        bool copyMode;
-        InjectedFailure failure;
-        int mode;
+        bool copyMode = false;
+        InjectedFailure failure = {};
+        int mode;  // of the copy afterwards; -1: there is none
     } kCases[] = {
-        {dir.file("source"), false, {}, 0600},
-        {dir.file("source"), true, {}, 0640},
+        {.source = dir.file("source"), .mode = 0600},
+        {.source = dir.file("source"), .copyMode = true, .mode = 0640},
         // Where the kernel will not copy, the buffer loop does.
-        {dir.file("source"), false, {"copy_file_range", 1, EXDEV}, 0600},
-        {dir.file("missing"), false, {}, -1},
+        {.source = dir.file("source"),
+         .failure = {.function = "copy_file_range", .nth = 1, .error = EXDEV},
+         .mode = 0600},
+        {.source = dir.file("missing"), .mode = -1},
     };
+    // The destination, longer than the source, is there beforehand with mode
+    // 0600, unless the copy must fail.
     for (const auto& c : kCases) {
         SCOPED_TRACE(&c - kCases);
         const std::string copy = dir.file("copy" + std::to_string(&c - kCases));
