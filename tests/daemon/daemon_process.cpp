@@ -9,9 +9,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <stdexcept>
 #include <thread>
+
+#include "tests/support/temp_dir.h"
 
 extern char** environ;
 
@@ -114,12 +115,11 @@ bool DaemonProcess::waitUntilSigtermIgnored(std::chrono::milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;
     const std::string statusPath = "/proc/" + std::to_string(pid_) + "/status";
     do {
-        std::ifstream status(statusPath);
-        for (std::string line; std::getline(status, line);) {
-            if (line.starts_with("SigIgn:") &&
-                (std::stoull(line.substr(7), nullptr, 16) >> (SIGTERM - 1) & 1) != 0) {
-                return true;
-            }
+        const std::string status = readFile(statusPath);
+        const size_t ignored = status.find("SigIgn:");
+        if (ignored != std::string::npos &&
+            (std::stoull(status.substr(ignored + 7), nullptr, 16) >> (SIGTERM - 1) & 1) != 0) {
+            return true;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     } while (Clock::now() < deadline);
