@@ -23,12 +23,13 @@ using Clock = std::chrono::steady_clock;
 DaemonProcess::DaemonProcess(const std::string& binary,
                              const std::vector<std::string>& extraEnvironment, int stderrFd,
                              const std::vector<std::string>& arguments) {
+    // The extra entries first: getenv takes the first entry of a name.
     std::vector<char*> envp;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        envp.push_back(*entry);
-    }
     for (const std::string& entry : extraEnvironment) {
         envp.push_back(const_cast<char*>(entry.c_str()));
+    }
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        envp.push_back(*entry);
     }
     envp.push_back(nullptr);
 

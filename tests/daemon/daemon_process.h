@@ -23,9 +23,10 @@ struct OutputLine {
 class DaemonProcess {
   public:
     // Starts `binary` with `arguments`, default signal dispositions, no signal
-    // blocked, standard input /dev/null, and the current environment plus
-    // `extraEnvironment` ("NAME=value" entries). With `stderrFd`, the child's
-    // standard error is that descriptor instead, and no output is collected.
+    // blocked, standard input /dev/null, and the current environment with
+    // `extraEnvironment` ("NAME=value" entries) in front, overriding it. With
+    // `stderrFd`, the child's standard error is that descriptor instead, and
+    // no output is collected.
     DaemonProcess(const std::string& binary, const std::vector<std::string>& extraEnvironment,
                   int stderrFd = -1, const std::vector<std::string>& arguments = {});
     ~DaemonProcess();

@@ -183,7 +183,7 @@ TEST_F(FlatFileLogWriterTest, RecordsSurviveSigkill) {
         writer->open("");
         for (int index = 0; index < std::atoi(getenv("KEL_TEST_RECORDS")); ++index) {
             writer->writeMessage(
-                record(index * 1000000, LogLevel::kInfo, "test", std::to_string(index)));
+                record(int64_t{index} * 1000000, LogLevel::kInfo, "test", std::to_string(index)));
         }
         kill(getpid(), SIGKILL);
     }
