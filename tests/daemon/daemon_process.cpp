@@ -9,10 +9,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <stdexcept>
-#include <string_view>
 #include <thread>
+
+#include "tests/support/temp_dir.h"
 
 extern char** environ;
 
@@ -23,20 +23,13 @@ using Clock = std::chrono::steady_clock;
 DaemonProcess::DaemonProcess(const std::string& binary,
                              const std::vector<std::string>& extraEnvironment, int stderrFd,
                              const std::vector<std::string>& arguments) {
-    // An extra entry replaces an inherited one of the same name.
-    const auto overridden = [&](std::string_view entry) {
-        const std::string_view name = entry.substr(0, entry.find('=') + 1);
-        return std::any_of(extraEnvironment.begin(), extraEnvironment.end(),
-                           [&](const std::string& extra) { return extra.starts_with(name); });
-    };
+    // The extra entries first: getenv takes the first entry of a name.
     std::vector<char*> envp;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        if (!overridden(*entry)) {
-            envp.push_back(*entry);
-        }
-    }
     for (const std::string& entry : extraEnvironment) {
         envp.push_back(const_cast<char*>(entry.c_str()));
+    }
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        envp.push_back(*entry);
     }
     envp.push_back(nullptr);
 
@@ -123,12 +116,11 @@ bool DaemonProcess::waitUntilSigtermIgnored(std::chrono::milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;
     const std::string statusPath = "/proc/" + std::to_string(pid_) + "/status";
     do {
-        std::ifstream status(statusPath);
-        for (std::string line; std::getline(status, line);) {
-            if (line.starts_with("SigIgn:") &&
-                (std::stoull(line.substr(7), nullptr, 16) >> (SIGTERM - 1) & 1) != 0) {
-                return true;
-            }
+        const std::string status = readFile(statusPath);
+        const size_t ignored = status.find("SigIgn:");
+        if (ignored != std::string::npos &&
+            (std::stoull(status.substr(ignored + 7), nullptr, 16) >> (SIGTERM - 1) & 1) != 0) {
+            return true;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     } while (Clock::now() < deadline);

@@ -24,7 +24,7 @@ class DaemonProcess {
   public:
     // Starts `binary` with `arguments`, default signal dispositions, no signal
     // blocked, standard input /dev/null, and the current environment with
-    // `extraEnvironment` ("NAME=value" entries) added or put in place. With
+    // `extraEnvironment` ("NAME=value" entries) in front, overriding it. With
     // `stderrFd`, the child's standard error is that descriptor instead, and
     // no output is collected.
     DaemonProcess(const std::string& binary, const std::vector<std::string>& extraEnvironment,

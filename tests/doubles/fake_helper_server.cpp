@@ -3,9 +3,7 @@
 //
 // start() returns at once unless KEL_TEST_START_GATE names a FIFO: then it
 // waits until a writer has opened and closed it, so that a test can act while
-// the daemon is between starting the server and installing its watches. Built
-// with KEL_DOUBLE_CREATE_FAILS, create() answers null as if the socket could
-// not be made.
+// the daemon is between starting the server and installing its watches.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -22,9 +20,6 @@ HelperServer::HelperServer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) 
 HelperServer::~HelperServer() = default;
 
 std::shared_ptr<HelperServer> HelperServer::create(std::shared_ptr<lum::LogServer> /*logServer*/) {
-    if (KEL_DOUBLE_CREATE_FAILS) {
-        return nullptr;
-    }
     return std::shared_ptr<HelperServer>(new HelperServer(std::make_unique<Impl>()));
 }
 

@@ -1,6 +1,7 @@
 // The file-contents, lock, volume and notice operations. Built twice: with
 // the recording watchdog (fs_contents_locks_test), and with the real one for
-// LockSharedTest alone (fs_hung_step_test).
+// LockSharedTest alone (fs_hung_step_test). The build kind comes from the real
+// device description.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -10,8 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <optional>
-#include <set>
 
 #include <gtest/gtest.h>
 
@@ -22,6 +21,7 @@
 #include "tests/support/call_recorder.h"
 #include "tests/support/log_recording.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/test_child.h"
 
 namespace {
 
@@ -33,20 +33,22 @@ TEST(FileContentsTest, CopyFileTruncatesAndCopiesTheModeOnlyWhenAsked) {
     const kel::testing::TempDir dir;
     std::ofstream(dir.file("source")) << std::string(5000, 's');
     chmod(dir.file("source").c_str(), 0640);
-    // The destination, longer than the source, exists beforehand with mode
-    // 0600 unless `mode` is -1.
     const struct {
         std::string source;
-        bool copyMode;
-        InjectedFailure failure;
-        int mode;
+        bool copyMode = false;
+        InjectedFailure failure = {};
+        int mode;  // of the copy afterwards; -1: there is none
     } kCases[] = {
-        {dir.file("source"), false, {}, 0600},
-        {dir.file("source"), true, {}, 0640},
+        {.source = dir.file("source"), .mode = 0600},
+        {.source = dir.file("source"), .copyMode = true, .mode = 0640},
         // Where the kernel will not copy, the buffer loop does.
-        {dir.file("source"), false, {"copy_file_range", 1, EXDEV}, 0600},
-        {dir.file("missing"), false, {}, -1},
+        {.source = dir.file("source"),
+         .failure = {.function = "copy_file_range", .nth = 1, .error = EXDEV},
+         .mode = 0600},
+        {.source = dir.file("missing"), .mode = -1},
     };
+    // The destination, longer than the source, is there beforehand with mode
+    // 0600, unless the copy must fail.
     for (const auto& c : kCases) {
         SCOPED_TRACE(&c - kCases);
         const std::string copy = dir.file("copy" + std::to_string(&c - kCases));
@@ -87,11 +89,9 @@ TEST(FileContentsTest, AnInterruptedCloseIsNotRepeated) {
     EXPECT_FALSE(fsutil::closeFile(fd));
 }
 
-// Each operation on files and locks, first with nothing failing (it succeeds
-// through exactly these calls and guards), then with its first, second, ...
-// call failing until one runs through: every run closes what it opened and
-// disarms its guards, and gives false unless the failing call is one whose
-// failure the operation ignores.
+// Each operation on files and locks, through exactly these calls and guards,
+// and with each of its calls failing in turn (see sweepFailures): the failures
+// not marked ":f" are the ones the operation ignores.
 TEST(FileContentsTest, GuardsAndEveryFailurePath) {
     const kel::testing::TempDir dir;
     const std::string data = dir.file("data");
@@ -99,49 +99,25 @@ TEST(FileContentsTest, GuardsAndEveryFailurePath) {
     std::vector<uint8_t> bytes;
     int64_t size = 0;
     uint64_t blocks = 0;
-    const auto openDescriptors = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    };
     const struct {
         std::function<bool()> run;
-        std::string steps;
-        std::set<std::string> ignoredFailures;
+        std::string sweep;
     } kOperations[] = {
         {[&] { return fsutil::copyFile(data, dir.file("copy"), /*copyMode=*/true); },
-         "[ open ] [ open ] copy_file_range copy_file_range read fstat fchmod [ close ] [ close ]",
-         {"close"}},
+         "[ open:f ] [ open:f ] copy_file_range:f copy_file_range:f read:f fstat:f fchmod:f "
+         "[ close ] [ close ]"},
         {[&] { return fsutil::copyFile("/proc/version", dir.file("copy"), /*copyMode=*/false); },
-         "[ open ] [ open ] copy_file_range read write read [ close ] [ close ]",
-         {"close"}},
+         "[ open:f ] [ open:f ] copy_file_range:f read:f write:f read:f [ close ] [ close ]"},
         {[&] { return fsutil::readFile(data, bytes); },
-         "[ fopen64 lseek64 lseek64 lseek64 lseek64 read fclose ]",
-         {"fclose"}},
+         "[ fopen64:f lseek64:f lseek64:f lseek64:f lseek64:f read:f fclose ]"},
         {[&] { return fsutil::fileSize(data, size); },
-         "fopen64 lseek64 lseek64 lseek64 lseek64 fclose",
-         {"lseek64", "fclose"}},
+         "fopen64:f lseek64 lseek64 lseek64 lseek64 fclose"},
         {[&] { return fsutil::unlockAndClose(fsutil::lockShared(data)); },
-         "[ open fcntl ] [ fcntl close ]",
-         {"close"}},
-        {[&] { return fsutil::getVolumeStats(data, blocks, blocks, blocks); }, "statvfs", {}},
+         "[ open:f fcntl:f ] [ fcntl:f close ]"},
+        {[&] { return fsutil::getVolumeStats(data, blocks, blocks, blocks); }, "statvfs:f"},
     };
     for (const auto& operation : kOperations) {
-        for (int nth = 0;; ++nth) {
-            const auto openBefore = openDescriptors();
-            std::optional<CallRecorder> recorder(std::in_place, InjectedFailure{"", nth});
-            const bool result = operation.run();
-            const std::string log = recorder->log();
-            const bool injected = recorder->injected();
-            EXPECT_EQ(recorder->armedGuards(), 0) << log;
-            recorder.reset();
-            EXPECT_EQ(openDescriptors(), openBefore) << log;
-            std::string failed = log.substr(0, log.find('!'));
-            failed.erase(0, failed.rfind(' ') + 1);
-            EXPECT_EQ(result, !injected || operation.ignoredFailures.count(failed) == 1) << log;
-            EXPECT_TRUE(injected || log == operation.steps) << log;
-            if (nth > 0 && !injected) {
-                break;
-            }
-        }
+        EXPECT_EQ(kel::testing::sweepFailures(operation.run), operation.sweep);
     }
 }
 
@@ -188,17 +164,12 @@ TEST(LockSharedTest, WaitsForAWriteLockOnlyAndAHungWaitIsReportedOnce) {
     EXPECT_NE(readFile(reports[0]).find(fsutil::kWatchdogReason), std::string::npos);
 }
 
-// Runs itself again in a namespace of its own, over a fresh 256 KiB tmpfs.
+// Runs itself again in a child over a fresh 256 KiB tmpfs.
 TEST(VolumeStatsTest, GivesTheFiguresOfASmallTmpfs) {
-    const char* const mountPoint = std::getenv("KEL_TEST_SMALL_TMPFS");
+    const char* const mountPoint = kel::testing::childArgument();
     if (mountPoint == nullptr) {
         const kel::testing::TempDir dir;
-        const std::string command =
-            "unshare --user --map-root-user --mount sh -c 'mount -t tmpfs -o size=256k kel " +
-            dir.path() + " && KEL_TEST_SMALL_TMPFS=" + dir.path() + " exec " +
-            std::filesystem::read_symlink("/proc/self/exe").string() +
-            " --gtest_filter=VolumeStatsTest.*'";
-        EXPECT_EQ(std::system(command.c_str()), 0);
+        EXPECT_EQ(kel::testing::runTestAgainOnTmpfs(dir.path(), "256k"), 0);
         return;
     }
     const uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
@@ -210,14 +181,10 @@ TEST(VolumeStatsTest, GivesTheFiguresOfASmallTmpfs) {
     EXPECT_EQ(figures[1], figures[0] - 3);
 }
 
-// With no session bus to show them on, notices go to the system log, one line
-// each. The build kind comes from KEL_TEST_BUILD_KIND (see CMakeLists.txt).
-TEST(NoticeTest, ShowsEachTitleOnceUnlessRepeatsAreAllowed) {
-    unsetenv("DBUS_SESSION_BUS_ADDRESS");
-    setenv("XDG_RUNTIME_DIR", "/nonexistent", 1);
+// Shows the notices of NoticeTest, and exits with 0 when the system log got
+// `expected`, else says what it got and exits with 1.
+[[noreturn]] void showNotices(const std::vector<std::string>& expected) {
     const kel::testing::CapturedSystemLog log;
-    const char* const kind = std::getenv("KEL_TEST_BUILD_KIND");
-    const bool plainBuild = kind != nullptr && std::string(kind) == "neither";
     fsutil::displayNotice("once", "first", 0, 1.5);
     fsutil::displayNotice("once", "same title, other message", 0, 1.5);
     fsutil::displayNotice("twice", "again", -1, 1.5);
@@ -226,13 +193,32 @@ TEST(NoticeTest, ShowsEachTitleOnceUnlessRepeatsAreAllowed) {
     fsutil::displayNotice("caf\xc3\xa9", "r\xc3\xa9sum\xc3\xa9", 0, 1.5);
     fsutil::displayNotice("caf\xc3\xa9", "plain", 0, 1.5);
     fsutil::displayNotice("caf\xc3\xa9", "plain", 1, 1.5);
-    // The build kind was asked at the first notice, and only then.
-    setenv("KEL_TEST_BUILD_KIND", plainBuild ? "internal" : "neither", 1);
-    fsutil::displayNotice("asked once", "still the same build", 0, 1.5);
+    for (const std::string& line : log.lines()) {
+        std::fprintf(stderr, "%s\n", line.c_str());
+    }
+    std::exit(log.lines() == expected ? 0 : 1);
+}
 
+// With no session bus to show them on, notices go to the system log, one line
+// each. The build kind is read once per process, from the device description:
+// each kind's run is a child process of its own (a death test).
+TEST(NoticeTest, ShowsEachTitleOnceUnlessRepeatsAreAllowed) {
+    unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    setenv("XDG_RUNTIME_DIR", "/nonexistent", 1);
+    const kel::testing::TempDir dir;
+    setenv("KEL_DEVICE_DESCRIPTION", dir.file("device.json").c_str(), 1);
     const std::vector<std::string> kShown = {"<5>once: first", "<5>twice: again", "<5>twice: again",
-                                             "<5>: plain", "<5>asked once: still the same build"};
-    EXPECT_EQ(log.lines(), plainBuild ? std::vector<std::string>() : kShown);
+                                             "<5>: plain"};
+    const struct {
+        const char* device;
+        std::vector<std::string> shown;
+    } kBuilds[] = {{"{}", kShown},
+                   {R"({"carrierBuild": false, "internalBuild": true})", kShown},
+                   {R"({"carrierBuild": false})", {}}};
+    for (const auto& build : kBuilds) {
+        std::ofstream(dir.file("device.json")) << build.device;
+        EXPECT_EXIT(showNotices(build.shown), ::testing::ExitedWithCode(0), "") << build.device;
+    }
 }
 
 }  // namespace

@@ -11,8 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include "fs/watchdog_guard.h"
-#include "tests/support/call_recorder.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -125,40 +123,6 @@ TEST(PathSplitTest, LastComponentAndDirectoryPartSplitAtTheLastSlash) {
     for (const auto& c : kCases) {
         EXPECT_EQ(fsutil::lastPathComponent(c.path), c.last) << c.path;
         EXPECT_EQ(fsutil::directoryPart(c.path), c.directory) << c.path;
-    }
-}
-
-// Failing steps are disarmed too: the last mkdir of "file/u" fails.
-TEST_F(PathsTest, EachFileSystemStepRunsUnderItsOwnGuard) {
-    const struct {
-        void (*operation)();
-        const char* calls;
-    } kCases[] = {
-        {[] { (void)fsutil::isDirectory("dir"); }, "[ stat ] opendir readdir closedir"},
-        {[] { (void)fsutil::makeDirectory("file", 0755, true); }, "[ stat ]"},
-        {[] { (void)fsutil::makeDirectory("new", 0755, false); }, "[ stat ] [ mkdir ]"},
-        {[] { (void)fsutil::makeDirectory("r/s", 0755, true); },
-         "[ stat ] [ stat ] [ mkdir ] [ stat ] [ mkdir ]"},
-        {[] { (void)fsutil::makeDirectory("file/u", 0755, true); },
-         "[ stat ] [ stat ] [ stat ] [ mkdir ]"},
-        {[] { (void)fsutil::uniquePath("file"); }, "[ stat ] [ stat ]"},
-        {[] { (void)fsutil::uniquePathBeforeExtension("file"); }, "[ stat ] [ stat ]"},
-        {[] { (void)fsutil::directoryPart(fsutil::lastPathComponent("/a/b")); }, ""},
-        // An exception leaving nested guards disarms both.
-        {[] {
-             try {
-                 fsutil::WatchdogGuard outer;
-                 fsutil::WatchdogGuard inner;
-                 throw 1;
-             } catch (int) {
-             }
-         },
-         "[ [ ] ]"},
-    };
-    for (const auto& c : kCases) {
-        kel::testing::CallRecorder recorder;
-        c.operation();
-        EXPECT_EQ(recorder.log(), c.calls) << "case " << &c - kCases;
     }
 }
 

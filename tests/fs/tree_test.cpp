@@ -8,8 +8,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <optional>
-#include <sstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,6 +15,7 @@
 #include "fs/directories.h"
 #include "fs/ownership.h"
 #include "fs/paths.h"
+#include "fs/watchdog_guard.h"
 #include "tests/support/call_recorder.h"
 #include "tests/support/log_recording.h"
 #include "tests/support/temp_dir.h"
@@ -143,41 +142,21 @@ TEST(DirectoriesTest, RemovalRacingFolderSwapsNeverLeavesTheTree) {
     EXPECT_THAT(treeContents(root.path()), ElementsAre("o", "o/k"));
 }
 
-// Runs `run` on a fresh tree with its N-th call failing, for every N until a
-// run meets no failure, checking that no descriptor or guard is left behind.
-// Returns the calls and guards of the run without failure, with ":f" after
-// each call whose failure failed the operation.
+// The fault sweep of `run` on a fresh tree, built by `script` before each run.
 std::string sweep(const std::string& script, const std::function<bool(const std::string&)>& run) {
-    const auto openFds = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    };
-    std::string clean;
-    Tree marks;
-    for (int failing = 0;; ++failing) {
-        const TempDir root;
-        makeTree(root.path(), script);
-        const auto fdsBefore = openFds();
-        std::optional<CallRecorder> recorder(std::in_place, InjectedFailure{"", failing});
-        const bool result = run(root.path());
-        EXPECT_EQ(recorder->armedGuards(), 0) << recorder->log();
-        if (failing > 0 && !recorder->injected()) {
-            break;
-        }
-        failing == 0 ? void(clean = recorder->log()) : marks.push_back(result ? "" : ":f");
-        recorder.reset();
-        EXPECT_EQ(openFds(), fdsBefore) << failing;
-    }
-    std::istringstream events(clean);
-    std::string annotated;
-    size_t call = 0;
-    for (std::string event; events >> event;) {
-        annotated += (annotated.empty() ? "" : " ") + event +
-                     (event == "[" || event == "]" ? "" : marks.at(call++));
-    }
-    return annotated;
+    const TempDir root;
+    const std::string tree = root.file("t");
+    return sweepFailures([&] { return run(tree); },
+                         [&] {
+                             std::filesystem::remove_all(tree);
+                             std::filesystem::create_directory(tree);
+                             makeTree(tree, script);
+                         });
 }
 
-// Each tree makes the same calls in whatever order its folders list.
+// The operations on trees and paths, each through exactly these calls and
+// guards, and with each of its calls failing in turn (see sweepFailures). Each
+// tree makes the same calls in whatever order its folders list.
 TEST(FaultSweepTest, EveryFailureIsAResult) {
     const CapturedSystemLog quiet;
     sHeldTime = time(nullptr) + 9;
@@ -217,6 +196,27 @@ TEST(FaultSweepTest, EveryFailureIsAResult) {
                                fsutil::removePath(r + "/n");
                     }),
               "[ chown:f ] [ chmod:f ] [ rename:f ] [ remove ]");
+    EXPECT_EQ(sweep("mkdir d",
+                    [](auto& r) {
+                        return fsutil::isDirectory(r + "/d") &&
+                               fsutil::makeDirectory(r + "/d", 0755, /*recursive=*/false) &&
+                               fsutil::makeDirectory(r + "/n", 0755, /*recursive=*/false) &&
+                               fsutil::makeDirectory(r + "/a/b", 0755, /*recursive=*/true);
+                    }),
+              "[ stat:f ] opendir:f readdir:f closedir [ stat:f ] [ stat ] [ mkdir:f ] [ stat ] "
+              "[ stat:f ] [ stat:f ] [ stat:f ] [ stat ] [ mkdir:f ] [ stat ] [ mkdir:f ]");
+    // An exception leaving nested guards disarms both.
+    EXPECT_EQ(sweep("true",
+                    [](auto&) {
+                        try {
+                            const fsutil::WatchdogGuard outer;
+                            const fsutil::WatchdogGuard inner;
+                            throw 1;
+                        } catch (int) {
+                        }
+                        return true;
+                    }),
+              "[ [ ] ]");
     sHeldTime = 0;
 }
 

@@ -1,6 +1,7 @@
 #include "logging/flat_file_log_writer.h"
 
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,9 +18,9 @@
 #include <gtest/gtest.h>
 
 #include "platform/strings/format.h"
-#include "tests/logging/flat_file_child.h"
 #include "tests/logging/scoped_writer.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/test_child.h"
 
 namespace {
 
@@ -146,33 +147,54 @@ TEST_F(FlatFileLogWriterTest, FailuresFailTheStreamUntilTheNextOpen) {
     EXPECT_EQ(readFile(dir_.file("first")), line("a"));
 }
 
-// Runs flat_file_child with `args`; its wait status.
-int runChild(const std::string& args) {
-    return std::system(("exec " KEL_FLAT_FILE_CHILD " " + args).c_str());
-}
-
-// A full tmpfs, then the same one read-only, inside a user and mount namespace.
+// A full tmpfs, then the same one read-only, in a child of its own.
 TEST_F(FlatFileLogWriterTest, FullAndReadOnlyFileSystemsFailTheStream) {
-    ASSERT_EQ(mkdir(dir_.file("mnt").c_str(), 0755), 0);
-    const int status = runChild("mounts " + dir_.file("mnt") + " " + dir_.file("log"));
-    ASSERT_TRUE(WIFEXITED(status)) << status;
-    if (WEXITSTATUS(status) == kChildRefused) {
-        GTEST_SKIP() << "this machine refuses user or mount namespaces";
+    const char* const mounted = kel::testing::childArgument();
+    if (mounted == nullptr) {
+        EXPECT_EQ(kel::testing::runTestAgainOnTmpfs(dir_.file(""), "64k"), 0);
+        return;
     }
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_EQ(readFile(dir_.file("log")), "0.002:Notice:child:kept\n");
+    ScopedWriter writer(mounted + std::string("log"));
+    writer->open("");
+    int index = 0;
+    for (; index < 100 && !writer->fileStreamFailedForTesting(); ++index) {
+        writer->writeMessage(record(std::string(1000, 'x')));
+    }
+    EXPECT_GE(index, 2) << "the 64 KiB tmpfs took no record";
+    EXPECT_TRUE(writer->fileStreamFailedForTesting()) << "the 64 KiB tmpfs took 100 KB";
+    writer->close();
+    ASSERT_EQ(mount(nullptr, mounted, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    writer->writeMessage(record("lost"));
+    writer->open("");
+    EXPECT_TRUE(writer->fileStreamFailedForTesting());
+    writer->writeMessage(record("kept"));
+    writer->open(dir_.file("log"));
+    writer->close();
+    EXPECT_FALSE(writer->fileStreamFailedForTesting());
+    EXPECT_EQ(readFile(dir_.file("log")), line("kept"));
 }
 
-// The child kills itself with SIGKILL right after a random number of records
-// were written: each of them is in the file, whole and in order.
+// A child kills itself with SIGKILL right after a random number of records
+// were written (a child of its own: a fork would leave the writer's threads
+// behind): each of them is in the file, whole and in order.
 TEST_F(FlatFileLogWriterTest, RecordsSurviveSigkill) {
+    if (const char* const file = kel::testing::childArgument()) {
+        ScopedWriter writer(file);
+        writer->open("");
+        for (int index = 0; index < std::atoi(getenv("KEL_TEST_RECORDS")); ++index) {
+            writer->writeMessage(
+                record(int64_t{index} * 1000000, LogLevel::kInfo, "test", std::to_string(index)));
+        }
+        kill(getpid(), SIGKILL);
+    }
     const uint32_t count = std::random_device{}() % 3000 + 1;
     SCOPED_TRACE(testing::Message() << count << " records");
-    const int status = runChild("crash " + dir_.file("log") + " " + std::to_string(count));
+    const int status = kel::testing::runTestAgain(dir_.file("log"),
+                                                  "env KEL_TEST_RECORDS=" + std::to_string(count));
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
     std::string expected;
     for (uint32_t index = 0; index < count; ++index) {
-        expected += platform::stringPrintf("%.3f:Notice:child:%u\n", index * 0.001, index);
+        expected += platform::stringPrintf("%.3f:Info:test:%u\n", index * 0.001, index);
     }
     EXPECT_EQ(readFile(dir_.file("log")), expected);
 }

@@ -1,5 +1,12 @@
 #include "tests/support/call_recorder.h"
 
+#include <filesystem>
+#include <iterator>
+#include <optional>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
 namespace kel::testing {
 
 namespace {
@@ -58,6 +65,40 @@ bool CallRecorder::onDisarm(uint64_t handle) {
     }
     record(innermost ? "]" : "]!");
     return innermost;
+}
+
+std::string sweepFailures(const std::function<bool()>& run, const std::function<void()>& prepare) {
+    const auto openFds = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    std::string clean;
+    std::vector<std::string> marks;
+    for (int failing = 0;; ++failing) {
+        prepare();
+        const auto fdsBefore = openFds();
+        std::optional<CallRecorder> recorder(std::in_place, InjectedFailure{"", failing});
+        const bool result = run();
+        EXPECT_EQ(recorder->armedGuards(), 0) << recorder->log();
+        if (failing > 0 && !recorder->injected()) {
+            break;
+        }
+        if (failing == 0) {
+            EXPECT_TRUE(result) << recorder->log();
+            clean = recorder->log();
+        } else {
+            marks.push_back(result ? "" : ":f");
+        }
+        recorder.reset();
+        EXPECT_EQ(openFds(), fdsBefore) << "call " << failing << " failing";
+    }
+    std::istringstream events(clean);
+    std::string annotated;
+    size_t call = 0;
+    for (std::string event; events >> event;) {
+        annotated += (annotated.empty() ? "" : " ") + event +
+                     (event == "[" || event == "]" ? "" : marks.at(call++));
+    }
+    return annotated;
 }
 
 }  // namespace kel::testing

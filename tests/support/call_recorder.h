@@ -17,6 +17,7 @@
 
 #include <errno.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -66,5 +67,13 @@ class CallRecorder {
     uint64_t nextHandle_ = 1;
     CallRecorder* previous_;
 };
+
+// Runs `run` with its first, second, ... interposed call failing until a run
+// meets no failure, after `prepare` each time (outside the recording). Every
+// run must leave no descriptor open and no guard armed, and the run without a
+// failure must succeed. Returns the calls and guards of that run, each call
+// followed by ":f" when its failure made `run` give false.
+std::string sweepFailures(
+    const std::function<bool()>& run, const std::function<void()>& prepare = [] {});
 
 }  // namespace kel::testing

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,14 +19,17 @@
 #include "platform/systemlog/system_log.h"
 #include "platform/trace/trace.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/test_child.h"
 
 constexpr char kHungReason[] = "watchdog test: step hung";
+int sStepLine = 0;
 
 // Outside the anonymous namespace: the executable exports it, so the report's
 // backtrace names it.
 __attribute__((noinline)) ssize_t readUnderWatchdog(int fd, char* byte) {
     uint64_t handle = 0;
     TelephonyBasebandWatchdogStartWithStackshot(&handle, 5000, kHungReason);
+    sStepLine = __LINE__ + 1;
     const ssize_t result = read(fd, byte, 1);
     TelephonyBasebandWatchdogStop(&handle);
     return result;
@@ -91,19 +95,17 @@ TEST(WatchdogTableTest, GuardsAreIndependentUntilTheTableIsFull) {
 }
 
 // The snapshot folder is fixed when the process starts, so the hung-step test
-// runs in a fresh copy of this executable whose environment points it at a
-// temporary folder.
-constexpr char kChildMarker[] = "KEL_WATCHDOG_REPORT_CHILD";
+// runs in a child whose environment points it at a temporary folder. The
+// report says what the hung thread was blocked in, read before the capture
+// disturbed it, and where.
 constexpr char kQuickReason[] = "watchdog test: quick step";
 
 TEST(WatchdogReportTest, HungStepIsReportedOnceAndResultKept) {
-    if (getenv(kChildMarker) == nullptr) {
+    const char* const runtimeDir = kel::testing::childArgument();
+    if (runtimeDir == nullptr) {
         const kel::testing::TempDir dir;
-        EXPECT_EQ(std::system(("KEL_HELPER_RUNTIME_DIR='" + dir.path() + "' " + kChildMarker +
-                               "=1 /proc/" + std::to_string(getpid()) +
-                               "/exe --gtest_filter=WatchdogReportTest.*")
-                                  .c_str()),
-                  0);
+        EXPECT_EQ(
+            kel::testing::runTestAgain(dir.path(), "env KEL_HELPER_RUNTIME_DIR=" + dir.path()), 0);
         return;
     }
     // A report that has not come within 10 s counts as missing: the alarm
@@ -144,14 +146,21 @@ TEST(WatchdogReportTest, HungStepIsReportedOnceAndResultKept) {
     // (read among them): there the hung thread cannot answer in time.
     EXPECT_EQ(report.find("stack report: "), report.rfind("stack report: ")) << report;
     EXPECT_EQ(report.find(kQuickReason), std::string::npos) << report;
+    EXPECT_EQ(kel::trace::kSnapshotFolder, runtimeDir + std::string("/snapshots/"));
     const std::vector<std::filesystem::path> files(
         std::filesystem::directory_iterator(kel::trace::kSnapshotFolder), {});
     ASSERT_EQ(files.size(), 1u);
     const std::string saved = kel::testing::readFile(files[0]);
-    for (const std::string& part :
-         {std::string(kHungReason), "process: " + std::to_string(getpid()),
-          "thread: " + std::to_string(stepThread) + " \"hung-step\"",
-          std::string(&__tsan_init != nullptr ? "backtrace: unavailable" : "readUnderWatchdog")}) {
+    std::vector<std::string> parts = {kHungReason, "process: " + std::to_string(getpid()),
+                                      "thread: " + std::to_string(stepThread) + " \"hung-step\"",
+                                      "state: S, ", ", syscall: " + std::to_string(SYS_read) + " "};
+    if (&__tsan_init != nullptr) {
+        parts.push_back("backtrace: unavailable");
+    } else {
+        parts.push_back("readUnderWatchdog");
+        parts.push_back("watchdog_test.cpp:" + std::to_string(sStepLine));
+    }
+    for (const std::string& part : parts) {
         EXPECT_NE(report.find(part), std::string::npos) << part << " in\n" << report;
         EXPECT_NE(saved.find(part), std::string::npos) << part << " in\n" << saved;
     }
