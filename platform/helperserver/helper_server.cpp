@@ -92,8 +92,13 @@ const char* claimStaleSocket(const sockaddr_un& address) {
         return "something other than a socket is in the way; remove it";
     }
     const UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
-        errno != ECONNREFUSED) {
+    if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        return "another program serves on it";
+    }
+    if (errno == EACCES || errno == EPERM) {
+        return "a socket this user may not connect to is in the way; remove it";
+    }
+    if (errno != ECONNREFUSED) {
         return "another program serves on it";
     }
     unlink(address.sun_path);

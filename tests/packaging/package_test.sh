@@ -120,7 +120,10 @@ grep -q ':Info:kelhelperd:Signal received$' "$logs/kelhelperd.log" || fail "no l
 [[ "$(tail -n 1 "$logs/kelhelperd.log")" == *:Info:kelhelperd:Exit! ]] || fail "no Exit! last"
 
 # One run under strace: what the daemon writes stays in its two folders, and
-# every system call it makes passes the unit's filter.
+# every system call it makes passes the unit's filter. It binds a socket of its
+# own: the stand-in manager's socket, made by root, goes as the manager's would
+# when its unit stops.
+rm -f "$socket"
 run_until_sigterm strace -f -qq -o "$work/trace" "${as_user[@]}" "$daemon"
 awk -v daemon="$daemon" 'index($0, "execve(\"" daemon "\"") { on = 1 } on' "$work/trace" \
     >"$work/daemon-trace"
