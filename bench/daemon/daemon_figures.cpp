@@ -26,6 +26,7 @@
 //
 // Every run has its paths in a scratch folder and the daemon's own log file
 // turned on there.
+#include <linux/close_range.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -226,6 +227,8 @@ int main(int argc, char** argv) {
                      argv[0]);
         return 2;
     }
+    // The binaries measured inherit no descriptor of whoever started this.
+    close_range(3, ~0u, CLOSE_RANGE_CLOEXEC);
     const std::string mode = argv[1];
     const int count = std::atoi(argv[2]);
     const std::vector<std::string> binaries(argv + 3, argv + argc);
