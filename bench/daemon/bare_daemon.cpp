@@ -23,10 +23,10 @@ namespace {
 
 void timerThread() {
     const int timer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
-    itimerspec spec{};
-    spec.it_value.tv_sec = 8;
-    spec.it_interval.tv_sec = 8;
-    timerfd_settime(timer, 0, &spec, nullptr);
+    itimerspec schedule{};
+    schedule.it_value.tv_sec = 8;
+    schedule.it_interval.tv_sec = 8;
+    timerfd_settime(timer, 0, &schedule, nullptr);
     uint64_t expirations;
     while (read(timer, &expirations, sizeof expirations) > 0) {
     }

@@ -330,21 +330,21 @@ void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start, 
         return;
     }
     constexpr uint64_t kNsPerSecond = 1'000'000'000u;
-    itimerspec spec{};
+    itimerspec schedule{};
     if (start != DISPATCH_TIME_FOREVER) {
         // An absolute zero would disarm the timer; 1 ns is in the past and
         // fires at once, as DISPATCH_TIME_NOW asks.
         const uint64_t first = start == DISPATCH_TIME_NOW ? 1 : start;
-        spec.it_value.tv_sec = static_cast<time_t>(first / kNsPerSecond);
-        spec.it_value.tv_nsec = static_cast<long>(first % kNsPerSecond);
+        schedule.it_value.tv_sec = static_cast<time_t>(first / kNsPerSecond);
+        schedule.it_value.tv_nsec = static_cast<long>(first % kNsPerSecond);
         if (intervalNs != DISPATCH_TIME_FOREVER) {
-            spec.it_interval.tv_sec = static_cast<time_t>(intervalNs / kNsPerSecond);
-            spec.it_interval.tv_nsec = static_cast<long>(intervalNs % kNsPerSecond);
+            schedule.it_interval.tv_sec = static_cast<time_t>(intervalNs / kNsPerSecond);
+            schedule.it_interval.tv_nsec = static_cast<long>(intervalNs % kNsPerSecond);
         }
     }
     std::lock_guard lock(source->mutex_);
     if (source->fd_.valid()) {
-        timerfd_settime(source->fd_.get(), TFD_TIMER_ABSTIME, &spec, nullptr);
+        timerfd_settime(source->fd_.get(), TFD_TIMER_ABSTIME, &schedule, nullptr);
     }
 }
 
