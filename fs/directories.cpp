@@ -102,16 +102,18 @@ bool findMatching(const std::string& directory, const std::regex& expression,
         if (isDot(name)) {
             continue;
         }
-        // An entry whose type cannot be read counts as no link.
+        if (!std::regex_match(name, expression)) {
+            continue;
+        }
+        // Only a name that matches costs a look at its type. An entry whose
+        // type cannot be read counts as no link.
         struct stat status;
         if (!includeSymlinks && lstat((directory + "/" + name).c_str(), &status) == 0 &&
             S_ISLNK(status.st_mode)) {
             continue;
         }
-        if (std::regex_match(name, expression)) {
-            names.push_back(std::move(name));
-            matched = true;
-        }
+        names.push_back(std::move(name));
+        matched = true;
     }
     return matched;
 }

@@ -4,10 +4,10 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <functional>
 #include <mutex>
-#include <vector>
+#include <optional>
+#include <unordered_set>
 
 #include "fs/watchdog_guard.h"
 #include "platform/notice/notice.h"
@@ -42,8 +42,8 @@ const BuildKind& buildKind() {
 std::mutex sShownTitlesMutex;
 
 // Hashes of the titles shown so far, under sShownTitlesMutex; only grows.
-std::vector<uint64_t>& shownTitles() {
-    static std::vector<uint64_t> sShownTitles;
+std::unordered_set<uint64_t>& shownTitles() {
+    static std::unordered_set<uint64_t> sShownTitles;
     return sShownTitles;
 }
 
@@ -51,12 +51,7 @@ std::vector<uint64_t>& shownTitles() {
 bool recordFirstShowing(const std::string& title) {
     const uint64_t hash = std::hash<std::string>{}(title);
     const std::lock_guard lock(sShownTitlesMutex);
-    std::vector<uint64_t>& shown = shownTitles();
-    if (std::find(shown.begin(), shown.end(), hash) != shown.end()) {
-        return false;
-    }
-    shown.push_back(hash);
-    return true;
+    return shownTitles().insert(hash).second;
 }
 
 }  // namespace

@@ -3,9 +3,7 @@
 // Every run overwrites the same destination; both files stay in the page
 // cache, so the figures are those of the copy itself, not of the disk.
 #include <fcntl.h>
-#include <spawn.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -14,9 +12,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/fs/run_tool.h"
 #include "fs/file_contents.h"
-
-extern char** environ;
 
 namespace {
 
@@ -69,15 +66,8 @@ BENCHMARK(BM_CopyFile)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 // Baseline: cp, started and waited for like any command.
 void BM_Cp(benchmark::State& state) {
-    const std::string source = files().source();
-    const std::string destination = files().destination();
-    char* const argv[] = {const_cast<char*>("cp"), const_cast<char*>(source.c_str()),
-                          const_cast<char*>(destination.c_str()), nullptr};
     for (auto _ : state) {
-        pid_t pid = 0;
-        int status = -1;
-        if (posix_spawnp(&pid, "cp", nullptr, nullptr, argv, environ) != 0 ||
-            waitpid(pid, &status, 0) != pid || status != 0) {
+        if (!runTool({"cp", files().source(), files().destination()})) {
             state.SkipWithError("cp failed");
         }
     }

@@ -7,10 +7,8 @@
 // timed.
 #include <dirent.h>
 #include <fcntl.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -18,10 +16,9 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/fs/run_tool.h"
 #include "fs/directories.h"
 #include "fs/ownership.h"
-
-extern char** environ;
 
 namespace {
 
@@ -50,19 +47,6 @@ void buildTree(const std::string& path, int folders, int files) {
                        O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
         }
     }
-}
-
-// Runs a tool to its end; false when it could not be started or failed.
-bool runTool(std::vector<std::string> arguments) {
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
-    pid_t child;
-    int status = -1;
-    return posix_spawnp(&child, argv[0], nullptr, nullptr, argv.data(), environ) == 0 &&
-           waitpid(child, &status, 0) == child && status == 0;
 }
 
 // 100,000 files in 100 folders, built anew before each timed removal.

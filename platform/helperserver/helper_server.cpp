@@ -119,6 +119,9 @@ struct HelperServer::Impl {
     // How long the next wait for events may last.
     int waitMs() const;
 
+    // Kept for the server's life, as its creator hands it over. Refusals and
+    // failures go to the system log instead, so that they are said also when
+    // there is no log server or it has not started.
     std::shared_ptr<lum::LogServer> logServer;
     std::string socketPath;
     bool ownsSocketFile = false;  // false for a socket a service manager handed over

@@ -13,9 +13,10 @@
 // Standard error never holds the process up for long nor ends it: a line that
 // it does not take within 100 ms is dropped, and so is every later one that
 // it does not take at once, until it takes one again, which is then preceded
-// by an error line with the number of lines lost. A reader that has gone makes the write fail with
-// EPIPE: the writing thread blocks SIGPIPE around its write and consumes the one it raised, and no
-// signal's disposition is touched.
+// by an error line with the number of lines lost. A reader that has gone
+// makes the write fail with EPIPE: the writing thread blocks SIGPIPE around
+// its write and consumes the one it raised, and no signal's disposition is
+// touched.
 #pragma once
 
 #include <cstdarg>

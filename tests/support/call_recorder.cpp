@@ -1,11 +1,13 @@
 #include "tests/support/call_recorder.h"
 
-#include <filesystem>
-#include <iterator>
+#include <unistd.h>
+
 #include <optional>
 #include <sstream>
 
 #include <gtest/gtest.h>
+
+#include "tests/support/outside_probes.h"
 
 namespace kel::testing {
 
@@ -68,9 +70,7 @@ bool CallRecorder::onDisarm(uint64_t handle) {
 }
 
 std::string sweepFailures(const std::function<bool()>& run, const std::function<void()>& prepare) {
-    const auto openFds = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    };
+    const auto openFds = [] { return openDescriptors(getpid()); };
     std::string clean;
     std::vector<std::string> marks;
     for (int failing = 0;; ++failing) {
