@@ -7,20 +7,15 @@
 #include <cstring>
 
 #include "platform/logserver/log.h"
+#include "platform/posix/environment.h"
 #include "platform/posix/file_util.h"
 
 namespace kel::runtime_paths {
 
 namespace {
 
-const char* runtimeDir() {
-    const char* dir = getenv("KEL_HELPER_RUNTIME_DIR");
-    return dir != nullptr && dir[0] != '\0' ? dir : nullptr;
-}
-
 std::string pathUnderRuntimeDir(const char* leaf, const char* fallback) {
-    const char* dir = runtimeDir();
-    return dir != nullptr ? std::string(dir) + "/" + leaf : std::string(fallback);
+    return platform::pathFromEnvironment("KEL_HELPER_RUNTIME_DIR", leaf).value_or(fallback);
 }
 
 }  // namespace
@@ -34,17 +29,16 @@ std::string lockPath() {
 }
 
 bool ensureRuntimeDir() {
-    const char* dir = runtimeDir();
-    if (dir == nullptr || platform::makeDirectories(dir, 0755)) {
+    const std::optional<std::string> dir = platform::pathFromEnvironment("KEL_HELPER_RUNTIME_DIR");
+    if (!dir || platform::makeDirectories(*dir, 0755)) {
         return true;
     }
-    reportError("cannot make the runtime folder %s: %s", dir, strerror(errno));
+    reportError("cannot make the runtime folder %s: %s", dir->c_str(), strerror(errno));
     return false;
 }
 
 void reportError(const char* format, ...) {
-    static const systemlog::Handle sLog =
-        systemlog::create(lum::kTelephonySubsystem, "HelperServer");
+    static const systemlog::Handle sLog = systemlog::create(systemlog::kSubsystem, "HelperServer");
     va_list args;
     va_start(args, format);
     systemlog::writeV(sLog, systemlog::Level::kError, format, args);

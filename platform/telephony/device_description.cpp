@@ -1,7 +1,7 @@
 // The device description behind the radio, build-kind and fusing queries.
-#include <cstdlib>
 #include <optional>
 
+#include "platform/posix/environment.h"
 #include "platform/telephony/preferences.h"
 #include "platform/telephony/radios.h"
 
@@ -18,10 +18,8 @@ struct DeviceDescription {
 };
 
 DeviceDescription load() {
-    const char* overridePath = getenv("KEL_DEVICE_DESCRIPTION");
-    const std::string path = overridePath != nullptr && overridePath[0] != '\0'
-                                 ? overridePath
-                                 : KEL_DEVICE_DESCRIPTION_PATH;
+    const std::string path = platform::pathFromEnvironment("KEL_DEVICE_DESCRIPTION")
+                                 .value_or(KEL_DEVICE_DESCRIPTION_PATH);
     // The description has the shape of a preferences file, and the same
     // typed, range-checked conversions apply to it; whatever fails to load or
     // convert keeps its default.

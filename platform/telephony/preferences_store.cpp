@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/posix/eintr.h"
+#include "platform/posix/environment.h"
 #include "platform/posix/unique_fd.h"
 #include "platform/telephony/preferences.h"
 #include "platform/telephony/preferences_file.h"
@@ -69,9 +70,8 @@ struct PreferencesAdapter::Snapshot {
 };
 
 std::string preferencesFilePath(const std::string& domain) {
-    const char* overrideDir = getenv("KEL_PREFERENCES_DIR");
-    if (overrideDir != nullptr && overrideDir[0] != '\0') {
-        return std::string(overrideDir) + "/" + domain + ".json";
+    if (auto path = platform::pathFromEnvironment("KEL_PREFERENCES_DIR", domain + ".json")) {
+        return *path;
     }
     const std::string home = homeFolder();
     return home.empty() ? std::string() : home + "/.config/kel/" + domain + ".json";

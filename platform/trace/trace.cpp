@@ -1,8 +1,10 @@
 #include "platform/trace/trace.h"
 
-#include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
+
+#include "platform/posix/environment.h"
 
 namespace kel::trace {
 
@@ -12,13 +14,13 @@ namespace {
 // Intentionally never freed: the constants must stay valid through static
 // destruction.
 const char* folder(const char* leaf, const char* fallback) {
-    const char* runtimeDir = getenv("KEL_HELPER_RUNTIME_DIR");
-    if (runtimeDir == nullptr || runtimeDir[0] == '\0') {
+    const std::optional<std::string> path =
+        platform::pathFromEnvironment("KEL_HELPER_RUNTIME_DIR", leaf);
+    if (!path) {
         return fallback;
     }
-    const std::string path = std::string(runtimeDir) + "/" + leaf;
-    char* copy = new char[path.size() + 1];
-    memcpy(copy, path.c_str(), path.size() + 1);
+    char* copy = new char[path->size() + 1];
+    memcpy(copy, path->c_str(), path->size() + 1);
     return copy;
 }
 
