@@ -1,11 +1,10 @@
 // The file-system library's error messages: one line in the system log at the
-// error level, through the process-wide "global" context. Not part of the
-// library's interface.
+// error level, under the "global" category that the daemon's global log
+// context also names. Not part of the library's interface.
 #pragma once
 
 #include <cstdarg>
 
-#include "logging/global_log.h"
 #include "platform/systemlog/system_log.h"
 
 namespace fsutil::internal {
@@ -14,7 +13,8 @@ namespace fsutil::internal {
 inline __attribute__((format(printf, 1, 2))) void logError(const char* format, ...) {
     va_list args;
     va_start(args, format);
-    systemlog::writeV(kel::globalLogContext().handle(), systemlog::Level::kError, format, args);
+    static const systemlog::Handle sLog = systemlog::create(systemlog::kSubsystem, "global");
+    systemlog::writeV(sLog, systemlog::Level::kError, format, args);
     va_end(args);
 }
 

@@ -7,7 +7,7 @@ namespace kel {
 lum::OsLogContext& globalLogContext() {
     static lum::OsLogContext sContext;
     static std::once_flag sOnce;
-    std::call_once(sOnce, [] { sContext = lum::OsLogContext(lum::kTelephonySubsystem, "global"); });
+    std::call_once(sOnce, [] { sContext = lum::OsLogContext(systemlog::kSubsystem, "global"); });
     return sContext;
 }
 

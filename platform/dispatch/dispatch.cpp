@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "platform/dispatch/dispatch_internal.h"
+#include "platform/posix/clock.h"
 #include "platform/posix/futex.h"
 #include "platform/posix/thread.h"
 
@@ -45,12 +46,6 @@ WorkList WorkList::take() {
     WorkList taken = *this;
     head_ = tail_ = nullptr;
     return taken;
-}
-
-dispatch_time_t monotonicNow() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
 }
 
 bool startDetachedThread(const char* name, std::function<void()> body) {
@@ -535,7 +530,8 @@ dispatch_time_t dispatch_time(dispatch_time_t when, int64_t deltaNs) {
     if (when == DISPATCH_TIME_FOREVER) {
         return DISPATCH_TIME_FOREVER;
     }
-    const uint64_t base = when == DISPATCH_TIME_NOW ? dispatch::internal::monotonicNow() : when;
+    const uint64_t base =
+        when == DISPATCH_TIME_NOW ? static_cast<uint64_t>(platform::nowNs()) : when;
     if (deltaNs >= 0) {
         const uint64_t delta = static_cast<uint64_t>(deltaNs);
         return delta >= DISPATCH_TIME_FOREVER - base ? DISPATCH_TIME_FOREVER : base + delta;

@@ -61,8 +61,6 @@ class WorkList {
 // Adds `work` to `queue` (any kind) as asynchronous work.
 void enqueue(dispatch_queue_t queue, Work* work);
 
-dispatch_time_t monotonicNow();
-
 // Waits on futexes take DISPATCH_TIME_FOREVER as "no deadline".
 static_assert(DISPATCH_TIME_FOREVER == platform::kNoDeadline);
 

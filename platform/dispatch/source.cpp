@@ -298,7 +298,7 @@ dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t 
     // A source nobody could ever watch is not made at all: a caller that gets
     // one relies on it, for instance by ignoring the signal it reports.
     if (!fd.valid() || EventLoop::get() == nullptr) {
-        static const systemlog::Handle sLog = systemlog::create("org.kel.dispatch", "source");
+        static const systemlog::Handle sLog = systemlog::create(systemlog::kSubsystem, "dispatch");
         const char* why = fd.valid() ? "no event thread" : strerror(errno);
         if (type == DISPATCH_SOURCE_TYPE_SIGNAL) {
             systemlog::write(sLog, systemlog::Level::kError,
@@ -329,17 +329,13 @@ void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start, 
     if (source->type_ != DISPATCH_SOURCE_TYPE_TIMER) {
         return;
     }
-    constexpr uint64_t kNsPerSecond = 1'000'000'000u;
     itimerspec schedule{};
     if (start != DISPATCH_TIME_FOREVER) {
         // An absolute zero would disarm the timer; 1 ns is in the past and
         // fires at once, as DISPATCH_TIME_NOW asks.
-        const uint64_t first = start == DISPATCH_TIME_NOW ? 1 : start;
-        schedule.it_value.tv_sec = static_cast<time_t>(first / kNsPerSecond);
-        schedule.it_value.tv_nsec = static_cast<long>(first % kNsPerSecond);
+        schedule.it_value = platform::toTimespec(start == DISPATCH_TIME_NOW ? 1 : start);
         if (intervalNs != DISPATCH_TIME_FOREVER) {
-            schedule.it_interval.tv_sec = static_cast<time_t>(intervalNs / kNsPerSecond);
-            schedule.it_interval.tv_nsec = static_cast<long>(intervalNs % kNsPerSecond);
+            schedule.it_interval = platform::toTimespec(intervalNs);
         }
     }
     std::lock_guard lock(source->mutex_);

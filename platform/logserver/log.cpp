@@ -91,7 +91,7 @@ bool LoggerCommonBase::shouldLog(LogLevel level) const {
 }
 
 StaticLogger::StaticLogger(const std::string& name, const std::shared_ptr<LogServer>& server)
-    : LoggerBase(name, systemlog::create(kTelephonySubsystem, name.c_str()), server) {}
+    : LoggerBase(name, systemlog::create(systemlog::kSubsystem, name.c_str()), server) {}
 
 StaticLogger::StaticLogger(OsLogContext context, const std::shared_ptr<LogServer>& server)
     : LoggerBase(context.handle() != nullptr ? systemlog::categoryOf(context.handle()) : "",

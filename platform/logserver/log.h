@@ -141,9 +141,6 @@ class OsLogContext {
     systemlog::Handle handle_ = nullptr;
 };
 
-// The subsystem under which the telephony loggers write to the system log.
-inline constexpr const char* kTelephonySubsystem = "org.kel.telephony";
-
 // What every logger has: a name and its system-log handle.
 class LoggerCommonBase {
   public:
@@ -186,7 +183,7 @@ class LoggerBase : public LoggerCommonBase {
 };
 
 // A logger bound to a log server. Made from a name (its system-log handle is
-// that of kTelephonySubsystem and the name as category, and records carry the
+// that of systemlog::kSubsystem and the name as category, and records carry the
 // name) or from a context (records carry the context's category).
 class StaticLogger : public LoggerBase<std::shared_ptr<LogServer>> {
   public:

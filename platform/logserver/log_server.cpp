@@ -4,19 +4,10 @@
 
 #include "platform/logserver/log.h"
 #include "platform/logserver/log_server_state.h"
+#include "platform/posix/clock.h"
 #include "platform/posix/thread.h"
 
 namespace lum {
-
-namespace {
-
-int64_t wallClockNs() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
-}
-
-}  // namespace
 
 bool LogServer::State::enqueue(Item item) {
     bool wakeThread = false;
@@ -108,7 +99,7 @@ void LogServer::start() {
         }
     }
     if (!state_->thread.joinable() && !state_->startThread()) {
-        systemlog::write(systemlog::create(kTelephonySubsystem, "LogServer"),
+        systemlog::write(systemlog::create(systemlog::kSubsystem, "LogServer"),
                          systemlog::Level::kError, "%s: cannot start the delivery thread",
                          state_->name.c_str());
     }
@@ -116,7 +107,7 @@ void LogServer::start() {
 
 void LogServer::submit(LogLevel level, std::string firstText, std::string secondText) {
     auto message = std::make_shared<LogMessage>();
-    message->timestampNs = wallClockNs();
+    message->timestampNs = platform::nowNs(CLOCK_REALTIME);
     message->level = level;
     message->firstText = std::move(firstText);
     message->secondText = std::move(secondText);

@@ -63,7 +63,7 @@ void showAlert(const std::string& header, const std::string& message, double tim
     if (notify(header, message, timeoutSeconds)) {
         return;
     }
-    static const systemlog::Handle sLog = systemlog::create("kel.notice", "user-notice");
+    static const systemlog::Handle sLog = systemlog::create(systemlog::kSubsystem, "notice");
     systemlog::write(sLog, systemlog::Level::kDefault, "%s: %s", header.c_str(), message.c_str());
 }
 

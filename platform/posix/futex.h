@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "platform/posix/clock.h"
+
 namespace platform {
 
 // A deadline that never comes.
@@ -22,13 +24,8 @@ inline constexpr uint64_t kNoDeadline = ~uint64_t{0};
 // when the deadline passed.
 inline bool futexWait(std::atomic<uint32_t>& word, uint32_t expected, uint64_t deadlineNs) {
     static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t));
-    timespec limit{};
-    const timespec* limitPtr = nullptr;
-    if (deadlineNs != kNoDeadline) {
-        limit.tv_sec = static_cast<time_t>(deadlineNs / 1'000'000'000u);
-        limit.tv_nsec = static_cast<long>(deadlineNs % 1'000'000'000u);
-        limitPtr = &limit;
-    }
+    const timespec limit = toTimespec(deadlineNs);
+    const timespec* limitPtr = deadlineNs != kNoDeadline ? &limit : nullptr;
     // FUTEX_WAIT_BITSET takes an absolute CLOCK_MONOTONIC deadline, so a wait
     // interrupted and restarted never stretches the time-out.
     const long rc = syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word),

@@ -149,10 +149,6 @@ Handle create(const char* subsystem, const char* category) {
     return &*reg.handles.insert(HandleData{subsystem, category}).first;
 }
 
-const char* subsystemOf(Handle handle) {
-    return handle->subsystem.c_str();
-}
-
 const char* categoryOf(Handle handle) {
     return handle->category.c_str();
 }

@@ -31,12 +31,16 @@ enum class Level {
 struct HandleData;
 using Handle = const HandleData*;
 
+// The subsystem of every handle in this project. The daemon and each library
+// write under a category of their own: "global" for the daemon and the
+// file-system library, the library's name for the others.
+inline constexpr const char* kSubsystem = "org.kel.telephony";
+
 // The handle for a subsystem and category. The same pair always yields the
 // same handle; handles stay valid for the life of the process. Thread-safe.
 Handle create(const char* subsystem, const char* category);
 
-// The strings the handle was created with.
-const char* subsystemOf(Handle handle);
+// The category the handle was created with.
 const char* categoryOf(Handle handle);
 
 // Whether messages of `level` are written. Both levels start enabled.

@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/posix/clock.h"
 #include "platform/posix/file_util.h"
 #include "platform/posix/futex.h"
 #include "platform/posix/signal_mask.h"
@@ -32,16 +33,10 @@ namespace watchdog {
 
 namespace {
 
-constexpr int64_t kNsPerMs = 1'000'000;
+using platform::kNsPerMs;
 
 // How long a hung thread has to answer the stack-report signal.
 constexpr int64_t kCaptureTimeoutNs = 500 * kNsPerMs;
-
-int64_t monotonicNowNs() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1'000'000'000 + ts.tv_nsec;
-}
 
 // --- Capturing a thread's stack ---------------------------------------------
 
@@ -87,17 +82,17 @@ int captureStack(pid_t tid) {
     }
     // First the thread has to take the signal; once its handler runs, the
     // unwinding gets as long again before the report goes out without it.
-    int64_t giveUpAt = monotonicNowNs() + kCaptureTimeoutNs;
+    int64_t giveUpAt = platform::nowNs() + kCaptureTimeoutNs;
     bool started = false;
     while (sCapture.done.load(std::memory_order_acquire) == 0) {
-        const int64_t remaining = giveUpAt - monotonicNowNs();
+        const int64_t remaining = giveUpAt - platform::nowNs();
         if (remaining <= 0) {
             pid_t expected = tid;
             if (started || sCapture.target.compare_exchange_strong(expected, 0)) {
                 return 0;
             }
             started = true;
-            giveUpAt = monotonicNowNs() + kCaptureTimeoutNs;
+            giveUpAt = platform::nowNs() + kCaptureTimeoutNs;
             continue;
         }
         platform::futexWait(sCapture.done, 0, static_cast<uint64_t>(giveUpAt));
@@ -328,7 +323,7 @@ void writeStackReport(pid_t tid, const char* reason, int32_t timeoutMs, int64_t 
     }
     const std::string file = writeSnapshotFile(tid, lines);
 
-    static const systemlog::Handle sLog = systemlog::create("kel.watchdog", "stack-report");
+    static const systemlog::Handle sLog = systemlog::create(systemlog::kSubsystem, "watchdog");
     for (const std::string& line : lines) {
         systemlog::write(sLog, systemlog::Level::kError, "%s", line.c_str());
     }

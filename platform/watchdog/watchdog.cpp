@@ -10,11 +10,15 @@
 #include <optional>
 #include <thread>
 
+#include "platform/posix/clock.h"
 #include "platform/posix/futex.h"
 #include "platform/posix/thread.h"
 #include "platform/watchdog/stack_report.h"
 
 namespace {
+
+using platform::kNsPerMs;
+using platform::nowNs;
 
 // A slot's state word keeps the slot's generation above the low bits and its
 // state in them. The generation grows each time the slot is freed, so a
@@ -59,7 +63,6 @@ struct alignas(64) Slot {
 Slot sSlots[kTelephonyBasebandWatchdogCapacity];
 
 constexpr int64_t kNever = INT64_MAX;
-constexpr int64_t kNsPerMs = 1'000'000;
 
 // The coarse clock is read through the vDSO without a system call and may lag
 // the precise one by up to a tick (at least 100 Hz), so deadlines are pushed
@@ -80,12 +83,6 @@ std::atomic<bool> sMonitorStarted{false};
 std::atomic<bool> sForkHandlerInstalled{false};
 
 __attribute__((tls_model("initial-exec"))) thread_local pid_t sThreadId = 0;
-
-int64_t nowNs(clockid_t clock) {
-    timespec ts;
-    clock_gettime(clock, &ts);
-    return ts.tv_sec * 1'000'000'000 + ts.tv_nsec;
-}
 
 pid_t currentThreadId() {
     if (sThreadId == 0) {
@@ -120,7 +117,7 @@ void monitorMain() {
     watchdog::prepareStackReports();
     timespec resolution{};
     clock_getres(CLOCK_MONOTONIC_COARSE, &resolution);
-    const int64_t tickNs = resolution.tv_sec * 1'000'000'000 + resolution.tv_nsec;
+    const int64_t tickNs = platform::toNs(resolution);
 
     uint64_t previousActivity = 0;
     for (;;) {
