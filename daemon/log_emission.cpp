@@ -1,5 +1,6 @@
 #include "daemon/log_emission.h"
 
+#include <cstdarg>
 #include <string>
 
 #include "platform/posix/progname.h"
@@ -24,6 +25,14 @@ void logInfo(const std::shared_ptr<lum::LogServer>& logServer, const char* text)
     if (logger.shouldLog(kLifecycleLevel)) {
         logger.forceLog(kLifecycleLevel, lum::LogMessageBuffer::createWithFormat("%s", text));
     }
+}
+
+void logError(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    systemlog::writeV(systemlog::create(systemlog::kSubsystem, getprogname()),
+                      systemlog::Level::kError, format, args);
+    va_end(args);
 }
 
 }  // namespace kel

@@ -28,4 +28,9 @@ inline constexpr const char* kExitMessage = "Exit!";
 // Safe from any thread.
 void logInfo(const std::shared_ptr<lum::LogServer>& logServer, const char* text);
 
+// Writes one line at the error level of the system log, under the program's
+// name: what the daemon found wrong around it, and works around or ends on.
+// Formats like printf. Safe from any thread.
+void logError(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 }  // namespace kel

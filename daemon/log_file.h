@@ -13,18 +13,23 @@
 
 #include "logging/flat_file_log_writer.h"
 #include "platform/logserver/log.h"
+#include "platform/trace/trace.h"
 
 namespace kel {
 
-// Builds the log path, asks the enabling preference (which brings the shared
-// Capabilities record into being either way) and, when the log is on, makes
-// the scratch folder's last component (never its parents) and a writer for the
-// path. The file itself is not touched yet. Empty when the log is off.
-[[nodiscard]] std::shared_ptr<FlatFileLogWriter> prepareLogFile();
+// Builds the log path from `scratchFolder`, asks the enabling preference
+// (which brings the shared Capabilities record into being either way) and,
+// when the log is on, makes the scratch folder's last component (never its
+// parents) and a writer for the path. The file itself is not touched yet.
+// Empty when the log is off.
+[[nodiscard]] std::shared_ptr<FlatFileLogWriter> prepareLogFile(
+    const char* scratchFolder = trace::kScratchFolder);
 
 // Opens the writer's file, created or truncated, and adds the writer to
 // `logServer` (not empty). Does nothing without a writer. A file that cannot
-// be opened is not reported: its records stay in the writer's memory.
+// be opened, or that is refused (see FlatFileLogWriter), is said once at the
+// error level of the system log, unless its folder is simply missing; its
+// records stay in the writer's memory and the daemon runs on.
 void attachLogFile(const std::shared_ptr<lum::LogServer>& logServer,
                    const std::shared_ptr<FlatFileLogWriter>& writer);
 

@@ -2,6 +2,7 @@
 
 #include <csignal>
 
+#include "daemon/daemon.h"
 #include "daemon/log_emission.h"
 
 namespace kel {
@@ -12,6 +13,11 @@ namespace {
 
 using SourceReference = dispatch::Retained<dispatch_source_t>;
 
+// Runs on the main queue.
+void requestExit() {
+    sShouldExit = 1;
+}
+
 void handleSigterm(const SourceReference& source,
                    const std::shared_ptr<lum::LogServer>& logServer) {
     dispatch_source_cancel(source.get());
@@ -21,7 +27,7 @@ void handleSigterm(const SourceReference& source,
     sShouldExit = 1;
 }
 
-void checkIdle(const std::shared_ptr<HelperServer>& server,
+void checkIdle(const std::shared_ptr<HostedServer>& server,
                const std::shared_ptr<lum::LogServer>& logServer, const SourceReference& timer) {
     // Only the lowest bit of the answer is read: that bit is the whole of the
     // helper-server library's contract for isBusy, and a build of it whose
@@ -42,10 +48,6 @@ void checkIdle(const std::shared_ptr<HelperServer>& server,
 
 }  // namespace
 
-void requestExit() {
-    sShouldExit = 1;
-}
-
 dispatch::Owned<dispatch_source_t> installTerminationWatch(
     const std::shared_ptr<lum::LogServer>& logServer) {
     auto owned = dispatch::Owned<dispatch_source_t>::adopt(
@@ -64,7 +66,7 @@ dispatch::Owned<dispatch_source_t> installTerminationWatch(
 }
 
 dispatch::Owned<dispatch_source_t> installIdleWatch(
-    const std::shared_ptr<HelperServer>& server, const std::shared_ptr<lum::LogServer>& logServer,
+    const std::shared_ptr<HostedServer>& server, const std::shared_ptr<lum::LogServer>& logServer,
     const IdleWatchTiming& timing) {
     auto owned = dispatch::Owned<dispatch_source_t>::adopt(
         dispatch_source_create(DISPATCH_SOURCE_TYPE_TIMER, 1, 0, nullptr));

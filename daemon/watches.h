@@ -10,10 +10,11 @@
 #include <memory>
 
 #include "platform/dispatch/dispatch.h"
-#include "platform/helperserver/helper_server.h"
 #include "platform/logserver/log.h"
 
 namespace kel {
+
+class HostedServer;
 
 // 0 at process start; 1 once a watch has asked the daemon to end. Never reset.
 extern unsigned char sShouldExit;
@@ -29,9 +30,6 @@ struct IdleWatchTiming {
 // so that the system can group it with other wake-ups.
 inline constexpr IdleWatchTiming kIdleWatchTiming{8'000'000'000, 8'000'000'000, 2'000'000'000};
 
-// Sets sShouldExit. Runs on the main queue.
-void requestExit();
-
 // Installs the termination watch: a SIGTERM source on the main queue whose
 // handler reports "Signal received" (when there is a log server) and sets
 // sShouldExit. From then on SIGTERM is ignored as a signal and only reported
@@ -42,11 +40,11 @@ dispatch::Owned<dispatch_source_t> installTerminationWatch(
 
 // Installs the idle watch: a timer on the global queue that asks the helper
 // server whether it is busy. A busy answer is reported and the timer keeps
-// going; the first idle answer is reported, cancels the timer and posts
-// requestExit to the main queue. Returns the source, or an empty owner when
-// none could be made.
+// going; the first idle answer is reported, cancels the timer and posts a
+// task to the main queue that sets sShouldExit. Returns the source, or an
+// empty owner when none could be made.
 dispatch::Owned<dispatch_source_t> installIdleWatch(
-    const std::shared_ptr<HelperServer>& server, const std::shared_ptr<lum::LogServer>& logServer,
-    const IdleWatchTiming& timing = kIdleWatchTiming);
+    const std::shared_ptr<HostedServer>& server, const std::shared_ptr<lum::LogServer>& logServer,
+    const IdleWatchTiming& timing);
 
 }  // namespace kel

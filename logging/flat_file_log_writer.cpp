@@ -1,19 +1,52 @@
 #include "logging/flat_file_log_writer.h"
 
+#include <errno.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 #include <charconv>
 #include <cstring>
 #include <string_view>
 
+#include "platform/posix/eintr.h"
+#include "platform/posix/file_util.h"
+#include "platform/posix/safe_open.h"
+
 namespace {
 
-// Lines that fit go out in one write to the stream, so the flush that follows
-// makes one write(2). Longer ones are handed over piece by piece.
+// Lines that fit are formatted on the stack; longer ones take an allocation.
 constexpr size_t kLineBufferSize = 512;
 
-// Appends `text` at `out`, which has room for it.
-char* append(char* out, std::string_view text) {
+// Copies `text` to `out`, which has room for it.
+char* appendTo(char* out, std::string_view text) {
     std::memcpy(out, text.data(), text.size());
     return out + text.size();
+}
+
+// The log file at `path`, locked for this process and truncated, or why not.
+platform::CheckedFd openLockedAndTruncated(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    const std::string folderPath = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    const platform::CheckedFd folder = platform::openTrustedFolder(folderPath);
+    if (!folder.fd.valid()) {
+        return {platform::UniqueFd(), folder.error, folder.why};
+    }
+    platform::CheckedFd file = platform::openOwnFile(folder.fd.get(), folderPath, name, 0666);
+    if (!file.fd.valid()) {
+        return file;
+    }
+    if (platform::retryOnEintr([&] { return flock(file.fd.get(), LOCK_EX | LOCK_NB); }) != 0) {
+        const int error = errno;
+        return {platform::UniqueFd(), error == EWOULDBLOCK ? 0 : error,
+                error == EWOULDBLOCK ? path + " is kept by another process"
+                                     : path + ": cannot lock it: " + strerror(error)};
+    }
+    if (ftruncate(file.fd.get(), 0) != 0) {
+        const int error = errno;
+        return {platform::UniqueFd(), error, path + ": cannot truncate it: " + strerror(error)};
+    }
+    return file;
 }
 
 }  // namespace
@@ -30,30 +63,27 @@ void FlatFileLogWriter::open(const std::string& newPath) {
         if (!newPath.empty()) {
             path_ = newPath;
         }
-        if (fileStream_.is_open()) {
-            fileStream_.setstate(std::ios::failbit);
+        if (file_.valid()) {
+            failed_ = true;
+            openFailure_ = {EBUSY, path_ + ": another file is open already"};
         } else {
-            // A successful open clears the stream state left by earlier failures.
-            fileStream_.open(path_, std::ios::out);
+            platform::CheckedFd file = openLockedAndTruncated(path_);
+            file_ = std::move(file.fd);
+            failed_ = !file_.valid();
+            openFailure_ = {file.error, std::move(file.why)};
         }
-        std::string_view pending = pendingText_.view();
-        fileStream_.write(pending.data(), static_cast<std::streamsize>(pending.size()));
-        pendingText_.str("");
+        if (file_.valid()) {
+            append(pendingText_.data(), pendingText_.size());
+        }
+        pendingText_.clear();
     });
 }
 
 void FlatFileLogWriter::close() {
     execute_sync([&] {
-        if (!fileStream_.is_open()) {
-            fileStream_.setstate(std::ios::failbit);
-            return;
-        }
-        fileStream_.flush();
-        const bool flushFailed = fileStream_.fail();
-        // Closes the descriptor even when the buffered text cannot be written.
-        fileStream_.close();
-        if (flushFailed) {
-            fileStream_.setstate(std::ios::failbit);
+        // The descriptor is released even when close reports a failure.
+        if (!file_.valid() || ::close(file_.release()) != 0) {
+            failed_ = true;
         }
     });
 }
@@ -62,16 +92,28 @@ void FlatFileLogWriter::writeMessage(const lum::LogMessage& message) {
     execute_sync([&] { writeLine(message); });
 }
 
+FlatFileLogWriter::OpenFailure FlatFileLogWriter::openFailure() const {
+    OpenFailure failure;
+    execute_sync([&] { failure = openFailure_; });
+    return failure;
+}
+
 bool FlatFileLogWriter::fileStreamFailedForTesting() const {
     bool failed = false;
-    execute_sync([&] { failed = fileStream_.fail(); });
+    execute_sync([&] { failed = failed_; });
     return failed;
 }
 
+void FlatFileLogWriter::append(const char* text, size_t size) {
+    if (!file_.valid()) {
+        pendingText_.append(text, size);
+    } else if (!failed_ && size > 0) {
+        failed_ = !platform::writeAll(file_.get(), text, size);
+    }
+}
+
 void FlatFileLogWriter::writeLine(const lum::LogMessage& message) {
-    std::ostream& target =
-        fileStream_.is_open() ? static_cast<std::ostream&>(fileStream_) : pendingText_;
-    // Formatted by hand rather than through the stream's locale-aware number
+    // Formatted by hand rather than through a stream's locale-aware number
     // output: this is the hot path. to_chars with a precision rounds exactly
     // as "%.3f" does in the classic locale, "-0.000" for tiny negatives
     // included.
@@ -82,24 +124,22 @@ void FlatFileLogWriter::writeLine(const lum::LogMessage& message) {
             .ptr;
     *out++ = ':';
     char scratch[4];
-    out = append(out, lum::levelName(message.level, scratch));
+    out = appendTo(out, lum::levelName(message.level, scratch));
     *out++ = ':';
 
     const std::string& first = message.firstText;
     const std::string& second = message.secondText;
-    const size_t rest = first.size() + second.size() + 2;
-    if (rest <= static_cast<size_t>(line + kLineBufferSize - out)) {
-        out = append(out, first);
+    if (first.size() + second.size() + 2 <= static_cast<size_t>(line + kLineBufferSize - out)) {
+        out = appendTo(out, first);
         *out++ = ':';
-        out = append(out, second);
+        out = appendTo(out, second);
         *out++ = '\n';
-        target.write(line, out - line);
-    } else {
-        target.write(line, out - line);
-        target.write(first.data(), static_cast<std::streamsize>(first.size()));
-        target.put(':');
-        target.write(second.data(), static_cast<std::streamsize>(second.size()));
-        target.put('\n');
+        append(line, static_cast<size_t>(out - line));
+        return;
     }
-    target.flush();
+    // One write all the same, so that no other process's write can come
+    // between the pieces of a line.
+    std::string whole(line, out);
+    whole.append(first).append(1, ':').append(second).append(1, '\n');
+    append(whole.data(), whole.size());
 }

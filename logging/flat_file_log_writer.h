@@ -16,24 +16,31 @@
 //   writer->open("");
 //   server->addWriter(writer);
 //
+// The file is opened the way a root process must open a file in a folder that
+// others may write: the folder must be this user's or root's and not writable
+// by others (unless sticky, as /tmp), and the file is opened without following
+// a link or blocking, then must be a regular file of this user with no other
+// name. It is locked (flock, exclusive) and truncated only once the lock is
+// held, so that a second process with the same path never destroys the log of
+// the one that keeps it: it gets no file instead.
+//
 // The writer reports nothing and throws nothing of its own; failures show as
-// lost text. A file that cannot be opened loses the text pending at that
-// moment, and records keep collecting in memory. A failed write or flush puts
-// the file stream into its failed state, and records aimed at the file are
-// dropped until a later open succeeds (close first: a second open while a file
-// is open fails).
+// lost text, and openFailure() says why the last open left no file. A file that
+// cannot be opened loses the text pending at that moment, and records keep
+// collecting in memory. A failed write puts the writer into its failed state,
+// and records aimed at the file are dropped until a later open succeeds (close
+// first: a second open while a file is open fails).
 //
 // The pending text has no bound: every record that arrives while no file is
 // open is kept, because dropping log records unseen costs more than the memory
 // they take while a file is being set up.
 #pragma once
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "logging/shared_synchronizable.h"
 #include "platform/logserver/log.h"
+#include "platform/posix/unique_fd.h"
 
 class FlatFileLogWriter : public lum::LogWriter,
                           public lum::SharedSynchronizable<FlatFileLogWriter> {
@@ -43,30 +50,44 @@ class FlatFileLogWriter : public lum::LogWriter,
     // Flushes and closes an open file; discards the pending text.
     ~FlatFileLogWriter() override;
 
-    // Flushes and closes the open file; later records stay pending until the
-    // next open. With no file open, or when the flush or close fails, the file
-    // stream is left failed.
+    // Closes the open file; later records stay pending until the next open.
+    // With no file open, or when the close fails, the writer is left failed.
     void close() override;
 
     // Writes one line: to the file when one is open, to the pending text
     // otherwise.
     void writeMessage(const lum::LogMessage& message) override;
 
-    // Opens the file for writing, created or truncated (mode 0666 less the
-    // umask), and moves the pending text into it. A non-empty `newPath`
-    // replaces the path given so far. With a file already open, no second file
-    // is opened and the file stream is left failed; the pending text is
-    // dropped either way when the open fails. Does not flush.
+    // Opens the file for writing, created (mode 0666 less the umask) or
+    // truncated once locked, and moves the pending text into it. A non-empty
+    // `newPath` replaces the path given so far. With a file already open, no
+    // second file is opened and the writer is left failed; the pending text is
+    // dropped either way when the open fails.
     void open(const std::string& newPath);
 
-    // Whether the file stream is in its failed state (failbit or badbit). For
-    // tests, which cannot see a failure otherwise.
+    struct OpenFailure {
+        // The errno behind the failure; 0 when the checks refused the file or
+        // its folder, or another process holds the file.
+        int error = 0;
+        // What went wrong, naming the path; empty when the last open succeeded.
+        std::string why;
+    };
+    // Why the last open left no file open.
+    [[nodiscard]] OpenFailure openFailure() const;
+
+    // Whether the writer is in its failed state. For tests, which cannot see
+    // a failure otherwise.
     bool fileStreamFailedForTesting() const;
 
   private:
     void writeLine(const lum::LogMessage& message);
+    void append(const char* text, size_t size);
 
     std::string path_;
-    std::ostringstream pendingText_;
-    std::ofstream fileStream_;
+    std::string pendingText_;
+    platform::UniqueFd file_;
+    // As a stream's failed state: set by a failed open, write or close, and by
+    // a close or second open out of turn; cleared by a successful open.
+    bool failed_ = false;
+    OpenFailure openFailure_;
 };

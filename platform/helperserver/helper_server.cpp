@@ -21,6 +21,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "platform/helperserver/report_error.h"
 #include "platform/helperserver/runtime_paths.h"
 #include "platform/posix/eintr.h"
 #include "platform/posix/thread.h"
@@ -31,7 +32,6 @@ namespace kel {
 namespace {
 
 using platform::UniqueFd;
-using runtime_paths::reportError;
 
 // At most this many connections are accepted per wake-up, and after a wake-up
 // that found this many waiting the next ones wait kAcceptPauseMs: a client
@@ -143,7 +143,11 @@ struct HelperServer::Impl {
 };
 
 bool HelperServer::Impl::listenOnOwnSocket() {
-    socketPath = runtime_paths::socketPath();
+    const runtime_paths::RuntimeFolder folder = runtime_paths::openRuntimeFolder();
+    if (!folder.fd.valid()) {
+        return false;
+    }
+    socketPath = folder.path + "/" + runtime_paths::kSocketName;
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (socketPath.size() >= sizeof address.sun_path) {
@@ -152,9 +156,6 @@ bool HelperServer::Impl::listenOnOwnSocket() {
         return false;
     }
     memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
-    if (!runtime_paths::ensureRuntimeDir()) {
-        return false;
-    }
     listenFd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!listenFd.valid()) {
         reportError("cannot make a socket for %s: %s", socketPath.c_str(), strerror(errno));
@@ -363,19 +364,20 @@ HelperServer::~HelperServer() {
     stop();
 }
 
-void HelperServer::start() {
+bool HelperServer::start() {
     std::lock_guard lock(impl_->lifecycleMutex);
     if (impl_->started || impl_->stopped) {
-        return;
+        return impl_->thread.joinable();
     }
     impl_->started = true;
     std::optional<std::thread> thread =
         platform::startThread("kel-helper", [impl = impl_.get()] { impl->run(); });
-    if (thread) {
-        impl_->thread = std::move(*thread);
-    } else {
+    if (!thread) {
         reportError("cannot start the helper server's thread: too many threads");
+        return false;
     }
+    impl_->thread = std::move(*thread);
+    return true;
 }
 
 void HelperServer::stop() {

@@ -1,19 +1,15 @@
-// The helper server and the trace facilities that go with it.
-//
-// The helper server is a local service on a Unix-domain stream socket. It is
+// The helper server: a local service on a Unix-domain stream socket. It is
 // busy while at least one client connection is open; a client that has only
 // shut down its writing side still counts until it closes, since it may still
 // be waiting for the server. Only one process on the machine hosts it at a
 // time: hosting is guarded by an exclusive lock on a lock file that the
 // hosting process keeps until it exits.
 //
-// The socket and lock paths have build-time defaults that work for root and
-// for an ordinary user. The environment variable KEL_HELPER_RUNTIME_DIR, when
-// set, moves both under that folder so that several instances can run side by
-// side (tests do this). A listening socket handed over by a service manager
-// (LISTEN_PID and LISTEN_FDS) is used instead of binding one; such a socket
-// belongs to the manager and is never unlinked. The trace folders that go
-// with the server are in platform/trace.
+// The socket and the lock live in a runtime folder that only this user (and
+// root) can write into, checked before every use (runtime_paths.h): who may
+// connect is decided by who may enter that folder. A listening socket handed
+// over by a service manager (LISTEN_PID and LISTEN_FDS) is used instead of
+// binding one; such a socket belongs to the manager and is never unlinked.
 //
 // Under load the server stays responsive and small: it reaps hang-ups before
 // it accepts more clients, so it holds no more descriptors than its live
@@ -53,8 +49,10 @@ class HelperServer {
     HelperServer(const HelperServer&) = delete;
     HelperServer& operator=(const HelperServer&) = delete;
 
-    // Starts accepting clients on a thread of its own. Harmless when started.
-    void start();
+    // Starts accepting clients on a thread of its own. False when the thread
+    // cannot be started (said in the system log) or the server was stopped:
+    // then it never serves. Harmless when started.
+    [[nodiscard]] bool start();
 
     // Closes every connection and the socket and joins the thread. The server
     // cannot be started again. Harmless when stopped or never started.
@@ -64,9 +62,8 @@ class HelperServer {
     // stop (a stopped server is never busy).
     bool isBusy() const;
 
-    struct Impl;
-
   private:
+    struct Impl;
     explicit HelperServer(std::unique_ptr<Impl> impl);
     std::unique_ptr<Impl> impl_;
 };

@@ -1,48 +1,33 @@
 #include "platform/helperserver/runtime_paths.h"
 
-#include <errno.h>
+#include <unistd.h>
 
-#include <cstdarg>
-#include <cstdlib>
-#include <cstring>
+#include <optional>
 
-#include "platform/logserver/log.h"
+#include "platform/helperserver/report_error.h"
 #include "platform/posix/environment.h"
-#include "platform/posix/file_util.h"
+#include "platform/posix/safe_open.h"
 
 namespace kel::runtime_paths {
 
-namespace {
-
-std::string pathUnderRuntimeDir(const char* leaf, const char* fallback) {
-    return platform::pathFromEnvironment("KEL_HELPER_RUNTIME_DIR", leaf).value_or(fallback);
-}
-
-}  // namespace
-
-std::string socketPath() {
-    return pathUnderRuntimeDir("helper-server.sock", KEL_HELPER_SOCKET_PATH);
-}
-
-std::string lockPath() {
-    return pathUnderRuntimeDir("helper-server.lock", KEL_HELPER_LOCK_PATH);
-}
-
-bool ensureRuntimeDir() {
-    const std::optional<std::string> dir = platform::pathFromEnvironment("KEL_HELPER_RUNTIME_DIR");
-    if (!dir || platform::makeDirectories(*dir, 0755)) {
-        return true;
+RuntimeFolder openRuntimeFolder() {
+    RuntimeFolder folder;
+    platform::CheckedFd opened;
+    if (std::optional<std::string> dir = platform::pathInRuntimeDir({})) {
+        folder.path = std::move(*dir);
+        opened = platform::openTrustedFolder(folder.path, /*make=*/true);
+    } else if (KEL_HELPER_RUNTIME_FOLDER[0] != '\0') {
+        folder.path = KEL_HELPER_RUNTIME_FOLDER;
+        opened = platform::openTrustedFolder(folder.path, /*make=*/true);
+    } else {
+        folder.path = "/tmp/kel-" + std::to_string(geteuid());
+        opened = platform::openPrivateFolder(folder.path);
     }
-    reportError("cannot make the runtime folder %s: %s", dir->c_str(), strerror(errno));
-    return false;
-}
-
-void reportError(const char* format, ...) {
-    static const systemlog::Handle sLog = systemlog::create(systemlog::kSubsystem, "HelperServer");
-    va_list args;
-    va_start(args, format);
-    systemlog::writeV(sLog, systemlog::Level::kError, format, args);
-    va_end(args);
+    if (!opened.fd.valid()) {
+        reportError("cannot use the runtime folder: %s", opened.why.c_str());
+    }
+    folder.fd = std::move(opened.fd);
+    return folder;
 }
 
 }  // namespace kel::runtime_paths

@@ -1,22 +1,35 @@
-// Where the helper server's socket and hosting lock live: under
-// KEL_HELPER_RUNTIME_DIR when it is set, at the build-time defaults otherwise.
-// Read at call time, so that a process can point them elsewhere before use.
+// Where the helper server keeps its socket and its hosting lock: one runtime
+// folder, checked before every use, so that no other user can put anything of
+// theirs in place of either (another user's lock would stop this one from ever
+// hosting; another user's socket would receive its clients).
+//
+// The folder is KEL_HELPER_RUNTIME_DIR when that is set (tests, instances side
+// by side); else the build's KEL_HELPER_RUNTIME_FOLDER (the installed
+// service's folder under /run); else this user's private folder under /tmp,
+// /tmp/kel-UID, kept the way programs that share /tmp keep theirs: made with
+// mode 0700, and refused unless it is this user's, has mode 0700 and is no
+// link. Any other runtime folder is made with mode 0700 when missing (not its
+// parents) and refused when it is a link, or when anybody but this user and
+// root owns it or may write in it.
 #pragma once
 
 #include <string>
 
+#include "platform/posix/unique_fd.h"
+
 namespace kel::runtime_paths {
 
-[[nodiscard]] std::string socketPath();
-[[nodiscard]] std::string lockPath();
+inline constexpr const char* kSocketName = "helper-server.sock";
+inline constexpr const char* kLockName = "helper-server.lock";
 
-// Creates KEL_HELPER_RUNTIME_DIR and its parents when it is set and missing.
-// Returns false, having said why in the system log, when the folder is not
-// there and cannot be made.
-[[nodiscard]] bool ensureRuntimeDir();
+struct RuntimeFolder {
+    std::string path;
+    // Invalid when the folder could not be made or was refused.
+    platform::UniqueFd fd;
+};
 
-// Writes one line at the error level of the system log: how the helper-server
-// library says why it refused or failed, in words a user can act on.
-void reportError(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// The runtime folder, made when missing and checked. When it is unusable, says
+// why at the error level of the system log and leaves `fd` invalid.
+[[nodiscard]] RuntimeFolder openRuntimeFolder();
 
 }  // namespace kel::runtime_paths

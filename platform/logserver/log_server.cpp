@@ -78,6 +78,10 @@ void LogServer::State::deliver(std::vector<Item>& batch) {
 
 LogServer::LogServer(std::unique_ptr<State> state) : state_(std::move(state)) {}
 
+std::shared_ptr<LogServer> LogServer::create(const std::string& name) {
+    return std::shared_ptr<LogServer>(new LogServer(std::make_unique<State>(name)));
+}
+
 LogServer::~LogServer() {
     close();
 }

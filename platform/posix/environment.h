@@ -26,4 +26,11 @@ namespace platform {
     return path;
 }
 
+// `leaf` in the folder KEL_HELPER_RUNTIME_DIR names, or that folder itself
+// for an empty `leaf`: where an instance keeps all its runtime files (the
+// helper server's socket and lock, the trace folders) apart from others.
+[[nodiscard]] inline std::optional<std::string> pathInRuntimeDir(std::string_view leaf) {
+    return pathFromEnvironment("KEL_HELPER_RUNTIME_DIR", leaf);
+}
+
 }  // namespace platform

@@ -14,8 +14,7 @@ namespace {
 // Intentionally never freed: the constants must stay valid through static
 // destruction.
 const char* folder(const char* leaf, const char* fallback) {
-    const std::optional<std::string> path =
-        platform::pathFromEnvironment("KEL_HELPER_RUNTIME_DIR", leaf);
+    const std::optional<std::string> path = platform::pathInRuntimeDir(leaf);
     if (!path) {
         return fallback;
     }

@@ -34,7 +34,7 @@ DaemonProcess::DaemonProcess(const std::string& binary,
     envp.push_back(nullptr);
 
     platform::UniqueFd writeEnd;
-    if (stderrFd < 0) {
+    if (stderrFd == kCaptureStderr) {
         int pipeFds[2];
         if (pipe2(pipeFds, O_CLOEXEC) != 0) {
             throw std::runtime_error("pipe2 failed");
@@ -42,11 +42,15 @@ DaemonProcess::DaemonProcess(const std::string& binary,
         stderr_.reset(pipeFds[0]);
         writeEnd.reset(pipeFds[1]);
     }
-    endOfOutput_ = stderrFd >= 0;
+    endOfOutput_ = stderrFd != kCaptureStderr;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, stderrFd >= 0 ? stderrFd : writeEnd.get(),
-                                     STDERR_FILENO);
+    if (stderrFd == kCloseStderr) {
+        posix_spawn_file_actions_addclose(&actions, STDERR_FILENO);
+    } else {
+        posix_spawn_file_actions_adddup2(
+            &actions, stderrFd == kCaptureStderr ? writeEnd.get() : stderrFd, STDERR_FILENO);
+    }
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);

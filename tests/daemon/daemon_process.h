@@ -20,15 +20,19 @@ struct OutputLine {
     std::chrono::steady_clock::duration sinceStart;
 };
 
+// What becomes of a child's standard error, when it is not a given descriptor.
+inline constexpr int kCaptureStderr = -1;
+inline constexpr int kCloseStderr = -2;
+
 class DaemonProcess {
   public:
     // Starts `binary` with `arguments`, default signal dispositions, no signal
     // blocked, standard input /dev/null, and the current environment with
-    // `extraEnvironment` ("NAME=value" entries) in front, overriding it. With
-    // `stderrFd`, the child's standard error is that descriptor instead, and
-    // no output is collected.
+    // `extraEnvironment` ("NAME=value" entries) in front, overriding it. Its
+    // standard error is collected, or is `stderrFd` (then nothing is
+    // collected), or is closed.
     DaemonProcess(const std::string& binary, const std::vector<std::string>& extraEnvironment,
-                  int stderrFd = -1, const std::vector<std::string>& arguments = {});
+                  int stderrFd = kCaptureStderr, const std::vector<std::string>& arguments = {});
     ~DaemonProcess();
     DaemonProcess(const DaemonProcess&) = delete;
     DaemonProcess& operator=(const DaemonProcess&) = delete;

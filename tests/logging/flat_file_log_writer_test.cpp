@@ -1,6 +1,8 @@
 #include "logging/flat_file_log_writer.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -8,13 +10,16 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "platform/strings/format.h"
@@ -37,6 +42,13 @@ lum::LogMessage record(std::string second) {
 
 std::string line(const std::string& second) {
     return "0.001:Info:test:" + second + "\n";
+}
+
+// The text of `path` when it is a regular file (not through a link), else
+// nothing: reading a FIFO would wait for a writer.
+std::string regularFileText(const std::string& path) {
+    return std::filesystem::is_regular_file(std::filesystem::symlink_status(path)) ? readFile(path)
+                                                                                   : "";
 }
 
 class FlatFileLogWriterTest : public ::testing::Test {
@@ -112,18 +124,17 @@ TEST_F(FlatFileLogWriterTest, ConcurrentRecordsAreWholeAndInOrder) {
     EXPECT_TRUE(found == written);
 }
 
-// A missing folder fails the open and loses the pending text; /dev/full fails
-// the flush of the first record; a second open while a file is open fails,
-// creates no file and keeps the open one, which gets no more records. Nothing
-// throws, the stream stays failed through close, and the records collected
-// after close reach the next file.
+// A missing folder or a device fails the open and loses the pending text; a
+// second open while a file is open fails, creates no file and keeps the open
+// one, which gets no more records. Nothing throws, the writer stays failed
+// through close, and the records collected after close reach the next file.
 TEST_F(FlatFileLogWriterTest, FailuresFailTheStreamUntilTheNextOpen) {
     const struct {
         std::string path;
         bool openTwice;
         std::string reachesNextFile;
     } kCases[] = {{dir_.file("missing/log"), false, line("b") + line("c")},
-                  {"/dev/full", false, line("c")},
+                  {"/dev/full", false, line("b") + line("c")},
                   {dir_.file("first"), true, line("c")}};
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.path);
@@ -145,6 +156,69 @@ TEST_F(FlatFileLogWriterTest, FailuresFailTheStreamUntilTheNextOpen) {
         EXPECT_EQ(readFile(dir_.file(c.openTwice ? "second" : "log")), c.reachesNextFile);
     }
     EXPECT_EQ(readFile(dir_.file("first")), line("a"));
+}
+
+// What another user, or another process, could have put in the log's place:
+// the writer opens none of it, changes nothing there, says why, and keeps the
+// records pending. Cases that make a file another user's need root.
+TEST_F(FlatFileLogWriterTest, RefusesWhatOthersCouldHavePutInItsPlace) {
+    constexpr uid_t kOtherUser = 65534;
+    const std::string folder = dir_.file("scratch");
+    const std::string log = folder + "/log";
+    const std::string victim = dir_.file("victim");
+    std::vector<platform::UniqueFd> held;
+    const struct {
+        const char* name;
+        std::function<void()> place;
+        const char* why;
+        bool needsRoot = false;
+    } kCases[] = {
+        {"a link to another file", [&] { symlink(victim.c_str(), log.c_str()); }, "symbolic link"},
+        {"a hard link to another file", [&] { link(victim.c_str(), log.c_str()); }, "other names"},
+        {"a FIFO nobody reads", [&] { mkfifo(log.c_str(), 0666); }, "FIFO"},
+        {"a FIFO with a reader",
+         [&] {
+             mkfifo(log.c_str(), 0666);
+             held.emplace_back(::open(log.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+         },
+         "is a FIFO"},
+        {"a file another process keeps",
+         [&] {
+             std::ofstream(log) << "kept";
+             held.emplace_back(::open(log.c_str(), O_RDONLY | O_CLOEXEC));
+             flock(held.back().get(), LOCK_EX);
+         },
+         "kept by another process"},
+        {"a folder others may write", [&] { chmod(folder.c_str(), 0777); }, "writable by other"},
+        {"a file of another user",
+         [&] { std::ofstream(log) << "theirs", chown(log.c_str(), kOtherUser, kOtherUser); },
+         "belongs to uid 65534", true},
+        {"a folder of another user", [&] { chown(folder.c_str(), kOtherUser, kOtherUser); },
+         "neither this user nor root", true},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.name);
+        if (c.needsRoot && geteuid() != 0) {
+            std::printf("skipped \"%s\": needs root\n", c.name);
+            continue;
+        }
+        std::filesystem::remove_all(folder);
+        std::filesystem::create_directory(folder);
+        std::ofstream(victim) << "precious";
+        held.clear();
+        c.place();
+        const auto unchanged = [&, before = regularFileText(log)] {
+            return regularFileText(log) == before;
+        };
+        ScopedWriter writer(log);
+        writer->writeMessage(record("a"));
+        writer->open("");
+        EXPECT_THAT(writer->openFailure().why, ::testing::HasSubstr(c.why));
+        writer->writeMessage(record("b"));
+        EXPECT_TRUE(writer->fileStreamFailedForTesting());
+        EXPECT_EQ(readFile(victim), "precious");
+        EXPECT_TRUE(unchanged());
+    }
 }
 
 // A full tmpfs, then the same one read-only, in a child of its own.

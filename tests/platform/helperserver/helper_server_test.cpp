@@ -1,0 +1,226 @@
+// The helper server in the test's process, on real sockets: when it is busy,
+// how it stops, what in its runtime folder makes it refuse, and the hosting
+// lock that only one process holds and nobody else can take from it.
+#include "platform/helperserver/helper_server.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/log_recording.h"
+#include "tests/support/outside_probes.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/test_child.h"
+
+namespace kel::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::UniqueFd;
+using ::testing::HasSubstr;
+
+constexpr uid_t kOtherUser = 65534;
+
+// Waits up to a few seconds for `condition`; there is no event to wait on
+// for what the server's thread has done.
+bool becomes(const std::function<bool()>& condition) {
+    for (const auto end = std::chrono::steady_clock::now() + 5s;
+         std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(1ms)) {
+        if (condition()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+class HelperServerTest : public ::testing::Test {
+  protected:
+    void SetUp() override { setenv("KEL_HELPER_RUNTIME_DIR", runtime().c_str(), 1); }
+    void TearDown() override { unsetenv("KEL_HELPER_RUNTIME_DIR"); }
+
+    std::string runtime() const { return dir_.file("run"); }
+    std::string socketPath() const { return runtime() + "/helper-server.sock"; }
+
+    TempDir dir_;
+};
+
+// A client keeps the server busy until it closes, also after it has shut
+// down its writing side (it may still wait for an answer). Stopping does not
+// wait for clients that write flat out, and a stopped server is never busy.
+TEST_F(HelperServerTest, BusyWhileAClientStaysAndStopsAtOnce) {
+    const std::shared_ptr<HelperServer> server = HelperServer::create(nullptr);
+    ASSERT_TRUE(server);
+    ASSERT_TRUE(server->start());
+    EXPECT_TRUE(server->start());
+    EXPECT_FALSE(server->isBusy());
+    UniqueFd client(unixSocketAt(socketPath()));
+    ASSERT_EQ(shutdown(client.get(), SHUT_WR), 0);
+    EXPECT_TRUE(becomes([&] { return server->isBusy(); }));
+    client.reset();
+    EXPECT_TRUE(becomes([&] { return !server->isBusy(); }));
+
+    const auto writers = writeFlatOut(socketPath(), 16);
+    EXPECT_TRUE(becomes([&] { return server->isBusy(); }));
+    const auto before = std::chrono::steady_clock::now();
+    server->stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
+    EXPECT_FALSE(server->isBusy());
+    EXPECT_FALSE(server->start());
+    EXPECT_NE(access(socketPath().c_str(), F_OK), 0);
+}
+
+// What is in the way of the socket, or is wrong with its folder, makes
+// create refuse with one line that says what; a socket that a dead server
+// left, which nobody accepts on, is replaced.
+TEST_F(HelperServerTest, RefusesWhatIsInTheWayAndSaysWhat) {
+    const std::string socket = socketPath();
+    UniqueFd listening;
+    const struct {
+        const char* name;
+        std::function<void()> place;
+        const char* why;  // null: the server is made
+        bool needsRoot = false;
+    } kCases[] = {
+        {"a folder at the socket", [&] { mkdir(socket.c_str(), 0755); }, "a folder is in the way"},
+        {"a file at the socket", [&] { std::ofstream{socket}; }, "other than a socket"},
+        {"another program's socket",
+         [&] { listening.reset(unixSocketAt(socket, /*listening=*/true)); }, "another program"},
+        {"a dead server's socket", [&] { close(unixSocketAt(socket, /*listening=*/true)); },
+         nullptr},
+        {"a runtime folder under a file",
+         [&] { setenv("KEL_HELPER_RUNTIME_DIR", (dir_.file("file") + "/run").c_str(), 1); },
+         "Not a directory"},
+        {"a socket path longer than an address holds",
+         [&] { setenv("KEL_HELPER_RUNTIME_DIR", dir_.file(std::string(100, 'n')).c_str(), 1); },
+         "longer than 107 bytes"},
+        {"a link for the runtime folder",
+         [&] {
+             std::filesystem::remove(runtime());
+             std::filesystem::create_directory_symlink(dir_.file("elsewhere"), runtime());
+         },
+         "symbolic link"},
+        {"a runtime folder others may write", [&] { chmod(runtime().c_str(), 0777); },
+         "writable by other users"},
+        {"another user's runtime folder", [&] { chown(runtime().c_str(), kOtherUser, kOtherUser); },
+         "neither this user nor root", true},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.name);
+        if (c.needsRoot && geteuid() != 0) {
+            std::printf("skipped \"%s\": needs root\n", c.name);
+            continue;
+        }
+        std::filesystem::remove_all(dir_.path());
+        std::filesystem::create_directories(dir_.file("elsewhere"));
+        std::filesystem::create_directory(runtime());
+        std::ofstream{dir_.file("file")};
+        setenv("KEL_HELPER_RUNTIME_DIR", runtime().c_str(), 1);
+        listening.reset();
+        c.place();
+        const CapturedSystemLog systemLog;
+        const std::shared_ptr<HelperServer> server = HelperServer::create(nullptr);
+        EXPECT_EQ(server == nullptr, c.why != nullptr);
+        if (c.why != nullptr) {
+            ASSERT_EQ(systemLog.lines().size(), 1u);
+            EXPECT_THAT(systemLog.lines()[0], ::testing::StartsWith("<3>cannot "));
+            EXPECT_THAT(systemLog.lines()[0], HasSubstr(c.why));
+        }
+        EXPECT_TRUE(std::filesystem::is_empty(dir_.file("elsewhere")));
+    }
+}
+
+// The lock file is this user's alone, so that nobody else can hold its lock
+// and keep the service from hosting; one process holds it at a time, and the
+// holder keeps it.
+TEST_F(HelperServerTest, OnlyOneProcessHostsAndNobodyElseCanStopIt) {
+    const std::string lock = runtime() + "/helper-server.lock";
+    ASSERT_TRUE(std::filesystem::create_directory(runtime()));
+    std::filesystem::create_directory_symlink(dir_.path(), lock);
+    {
+        const CapturedSystemLog systemLog;
+        EXPECT_EQ(sCanHostHelperServer(), 0);
+        EXPECT_THAT(systemLog.lines(), ::testing::ElementsAre(HasSubstr("symbolic link")));
+    }
+    std::filesystem::remove(lock);
+    std::ofstream{lock};
+    chmod(lock.c_str(), 0644);
+    {
+        const UniqueFd other(open(lock.c_str(), O_RDONLY | O_CLOEXEC));
+        ASSERT_EQ(flock(other.get(), LOCK_EX), 0);
+        const CapturedSystemLog systemLog;
+        EXPECT_EQ(sCanHostHelperServer(), 0);
+        EXPECT_TRUE(systemLog.lines().empty()) << "another holder is the ordinary refusal";
+    }
+    EXPECT_EQ(sCanHostHelperServer(), 1);
+    EXPECT_EQ(std::filesystem::status(lock).permissions(),
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    const UniqueFd other(open(lock.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_NE(flock(other.get(), LOCK_EX | LOCK_NB), 0);
+    EXPECT_EQ(sCanHostHelperServer(), 1);
+}
+
+// Without KEL_HELPER_RUNTIME_DIR, each user's folder is /tmp/kel-UID, made
+// private, and refused unless it is still private: run as another user, in a
+// child, for each shape the folder may have been given before.
+TEST_F(HelperServerTest, EachUsersDefaultFolderIsPrivate) {
+    const std::string folder = "/tmp/kel-" + std::to_string(kOtherUser);
+    if (const char* expected = childArgument()) {
+        unsetenv("KEL_HELPER_RUNTIME_DIR");
+        const CapturedSystemLog systemLog;
+        const bool made = HelperServer::create(nullptr) != nullptr;
+        EXPECT_EQ(made, std::string(expected) == "made")
+            << ::testing::PrintToString(systemLog.lines());
+        return;
+    }
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root, to run as another user";
+    }
+    const std::string asOther = "setpriv --reuid=" + std::to_string(kOtherUser) +
+                                " --regid=" + std::to_string(kOtherUser) + " --clear-groups";
+    const struct {
+        const char* name;
+        std::function<void()> place;
+        const char* outcome;
+    } kCases[] = {
+        {"missing", [] {}, "made"},
+        {"another user's", [&] { mkdir(folder.c_str(), 0700); }, "refused"},
+        {"open to others",
+         [&] {
+             mkdir(folder.c_str(), 0755);
+             chown(folder.c_str(), kOtherUser, kOtherUser);
+         },
+         "refused"},
+        {"a link to a private folder",
+         [&] {
+             std::filesystem::create_directory(dir_.file("private"));
+             chown(dir_.file("private").c_str(), kOtherUser, kOtherUser);
+             std::filesystem::create_directory_symlink(dir_.file("private"), folder);
+         },
+         "refused"},
+    };
+    chmod(dir_.path().c_str(), 0755);
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.name);
+        std::filesystem::remove_all(folder);
+        c.place();
+        const int status = runTestAgain(c.outcome, asOther);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
+    std::filesystem::remove_all(folder);
+}
+
+}  // namespace
+}  // namespace kel::testing
