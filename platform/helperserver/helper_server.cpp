@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -23,6 +22,7 @@
 
 #include "platform/helperserver/report_error.h"
 #include "platform/helperserver/runtime_paths.h"
+#include "platform/helperserver/socket_activation.h"
 #include "platform/posix/eintr.h"
 #include "platform/posix/thread.h"
 #include "platform/posix/unique_fd.h"
@@ -50,32 +50,6 @@ constexpr int kSpareDescriptors = 8;
 // What one wake-up reads from one client: enough to keep up with a client
 // that writes flat out, small enough that no client holds the thread.
 constexpr size_t kReadChunk = 16 * 1024;
-
-// The listening socket that a service manager handed over: descriptors 3 to
-// 3 + LISTEN_FDS - 1, meant for this process when LISTEN_PID is its pid. The
-// first listening Unix stream socket among them, or -1.
-int handedOverSocket() {
-    const char* pid = getenv("LISTEN_PID");
-    const char* count = getenv("LISTEN_FDS");
-    if (pid == nullptr || count == nullptr || strtol(pid, nullptr, 10) != getpid()) {
-        return -1;
-    }
-    const long last = 3 + strtol(count, nullptr, 10);
-    for (int fd = 3; fd < last; ++fd) {
-        int domain = 0;
-        int type = 0;
-        int listening = 0;
-        socklen_t size = sizeof(int);
-        if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_UNIX &&
-            getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_STREAM &&
-            getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 && listening != 0) {
-            fcntl(fd, F_SETFD, FD_CLOEXEC);
-            fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-            return fd;
-        }
-    }
-    return -1;
-}
 
 // Why bind found `address` in use, as a hint for the message; nullptr when
 // what is there is a socket nobody accepts on any more (left by a holder that

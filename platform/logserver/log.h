@@ -115,7 +115,6 @@ class LogMessageBuffer {
     LogMessageBuffer(LogMessageBuffer&&) noexcept = default;
     LogMessageBuffer& operator=(LogMessageBuffer&&) noexcept = default;
 
-    const std::string& text() const { return text_; }
     std::string release() { return std::move(text_); }
 
   private:
