@@ -3,12 +3,15 @@
 #include <limits.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <set>
 #include <string>
@@ -31,6 +34,28 @@ namespace {
 
 std::atomic<bool> sEnabled[2] = {true, true};
 std::atomic<int> sFd{STDERR_FILENO};
+// Whether lines to sFd carry their priority: 1 or 0, -1 until first asked.
+std::atomic<int> sPrefixed{-1};
+
+// Whether `fd` is the stream that systemd connects a service's standard error
+// to: it names that stream's device and inode in JOURNAL_STREAM.
+bool isJournalStream(int fd) {
+    const char* stream = getenv("JOURNAL_STREAM");
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    struct stat status;
+    return stream != nullptr && sscanf(stream, "%llu:%llu", &device, &inode) == 2 &&
+           fstat(fd, &status) == 0 && status.st_dev == device && status.st_ino == inode;
+}
+
+bool prefixed(int fd) {
+    int answer = sPrefixed.load(std::memory_order_relaxed);
+    if (answer < 0) {
+        answer = isJournalStream(fd) ? 1 : 0;
+        sPrefixed.store(answer, std::memory_order_relaxed);
+    }
+    return answer == 1;
+}
 
 using Clock = std::chrono::steady_clock;
 
@@ -109,8 +134,9 @@ void writeLine(int fd, const std::string& line) {
     std::string text = sLineOpen ? "\n" : "";
     if (sDropped > 0) {
         text += platform::stringPrintf(
-            "<3>%llu lines dropped: standard error did not take them within %lld ms\n",
-            static_cast<unsigned long long>(sDropped), static_cast<long long>(kWriteBound.count()));
+            "%s%llu lines dropped: standard error did not take them within %lld ms\n",
+            prefixed(fd) ? "<3>" : "", static_cast<unsigned long long>(sDropped),
+            static_cast<long long>(kWriteBound.count()));
     }
     text += line;
     const ScopedSigpipeBlock sigpipeBlock;
@@ -179,7 +205,8 @@ void writeV(Handle handle, Level level, const char* format, va_list args) {
     if (length > 0 && message[length - 1] == '\n') {
         --length;
     }
-    std::string line = level == Level::kError ? "<3>" : "<5>";
+    const int fd = sFd.load(std::memory_order_relaxed);
+    std::string line = !prefixed(fd) ? "" : level == Level::kError ? "<3>" : "<5>";
     line.reserve(line.size() + length + 1);
     for (size_t i = 0; i < length; ++i) {
         if (message[i] == '\n') {
@@ -189,11 +216,13 @@ void writeV(Handle handle, Level level, const char* format, va_list args) {
         }
     }
     line += '\n';
-    writeLine(sFd.load(std::memory_order_relaxed), line);
+    writeLine(fd, line);
 }
 
 int redirectForTesting(int fd) {
-    return sFd.exchange(fd);
+    const int previous = sFd.exchange(fd);
+    sPrefixed.store(-1, std::memory_order_relaxed);
+    return previous;
 }
 
 }  // namespace systemlog

@@ -1,14 +1,15 @@
 // The system log: one handle per subsystem and category, a per-level switch,
 // and writes at the default and the error level.
 //
-// On Linux every message becomes one line on standard error, prefixed with the
-// sd-daemon priority ("<5>" default, "<3>" error) so that a systemd service
-// gets the right journal priority and a terminal shows the text. Each message
-// is written with a single write(2) (pieces of PIPE_BUF bytes for longer ones)
-// and never sits in a stdio buffer, so a process that exits right after
-// logging loses nothing. A line feed inside a message is written as "\n"
-// (backslash, n), one at its very end is dropped: one message is always one
-// line.
+// On Linux every message becomes one line on standard error. When standard
+// error is the journal (systemd names its stream in JOURNAL_STREAM), each
+// line starts with its sd-daemon priority ("<5>" default, "<3>" error), so
+// that the journal files it at that priority; on a terminal or in a file the
+// line is the plain text. Each message is written with a single write(2)
+// (pieces of PIPE_BUF bytes for longer ones) and never sits in a stdio
+// buffer, so a process that exits right after logging loses nothing. A line
+// feed inside a message is written as "\n" (backslash, n), one at its very
+// end is dropped: one message is always one line.
 //
 // Standard error never holds the process up for long nor ends it: a line that
 // it does not take within 100 ms is dropped, and so is every later one that
@@ -57,8 +58,9 @@ void write(Handle handle, Level level, const char* format, ...)
 void writeV(Handle handle, Level level, const char* format, va_list args)
     __attribute__((format(printf, 3, 0)));
 
-// The file descriptor that lines go to (standard error unless changed).
-// Returns the previous one. For tests.
+// The file descriptor that lines go to (standard error unless changed), and
+// whether it is the journal is asked anew. Returns the previous one. For
+// tests.
 int redirectForTesting(int fd);
 
 }  // namespace systemlog

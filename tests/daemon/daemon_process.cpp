@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/support/log_recording.h"
 #include "tests/support/temp_dir.h"
 
 extern char** environ;
@@ -23,17 +24,8 @@ using Clock = std::chrono::steady_clock;
 DaemonProcess::DaemonProcess(const std::string& binary,
                              const std::vector<std::string>& extraEnvironment, int stderrFd,
                              const std::vector<std::string>& arguments) {
-    // The extra entries first: getenv takes the first entry of a name.
-    std::vector<char*> envp;
-    for (const std::string& entry : extraEnvironment) {
-        envp.push_back(const_cast<char*>(entry.c_str()));
-    }
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        envp.push_back(*entry);
-    }
-    envp.push_back(nullptr);
-
     platform::UniqueFd writeEnd;
+    std::string journalStream = "JOURNAL_STREAM=";
     if (stderrFd == kCaptureStderr) {
         int pipeFds[2];
         if (pipe2(pipeFds, O_CLOEXEC) != 0) {
@@ -41,7 +33,18 @@ DaemonProcess::DaemonProcess(const std::string& binary,
         }
         stderr_.reset(pipeFds[0]);
         writeEnd.reset(pipeFds[1]);
+        journalStream += journalStreamOf(writeEnd.get());
     }
+
+    // The extra entries first: getenv takes the first entry of a name.
+    std::vector<char*> envp = {journalStream.data()};
+    for (const std::string& entry : extraEnvironment) {
+        envp.push_back(const_cast<char*>(entry.c_str()));
+    }
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        envp.push_back(*entry);
+    }
+    envp.push_back(nullptr);
     endOfOutput_ = stderrFd != kCaptureStderr;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);

@@ -168,8 +168,9 @@ TEST_F(DaemonProcessTest, EveryDescriptorLimitEndsInOrderOrRuns) {
 // place at its exit: the manager's socket is the manager's.
 TEST_F(DaemonProcessTest, ServesOnTheSocketAServiceManagerHandsOver) {
     const std::vector<std::string> arguments = {
-        "--listen=" + socketPath(), "--setenv=KEL_HELPER_RUNTIME_DIR",
-        "--setenv=KEL_PREFERENCES_DIR", "--setenv=KEL_DEVICE_DESCRIPTION", KEL_DAEMON};
+        "--listen=" + socketPath(),     "--setenv=KEL_HELPER_RUNTIME_DIR",
+        "--setenv=KEL_PREFERENCES_DIR", "--setenv=KEL_DEVICE_DESCRIPTION",
+        "--setenv=JOURNAL_STREAM",      KEL_DAEMON};
     DaemonProcess activator(KEL_SOCKET_ACTIVATE, environment(), kCaptureStderr, arguments);
     UniqueFd client;
     for (auto deadline = Clock::now() + kQuick; !client.valid() && Clock::now() < deadline;) {

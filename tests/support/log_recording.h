@@ -4,6 +4,8 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <memory>
@@ -63,11 +65,32 @@ struct RecordedLogServer {
     std::shared_ptr<lum::LogServer> server;
 };
 
-// Sends the system log into a scratch file for the life of the scope.
+// The value of JOURNAL_STREAM that names `fd` as the journal's stream.
+inline std::string journalStreamOf(int fd) {
+    struct stat status {};
+    fstat(fd, &status);
+    return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+}
+
+// Sends the system log into a scratch file for the life of the scope, named
+// as the journal's stream, so that its lines carry their priority.
 class CapturedSystemLog {
   public:
-    CapturedSystemLog() = default;
-    ~CapturedSystemLog() { systemlog::redirectForTesting(previous_); }
+    CapturedSystemLog() {
+        if (const char* stream = getenv("JOURNAL_STREAM")) {
+            previousStream_ = stream;
+        }
+        setenv("JOURNAL_STREAM", journalStreamOf(fd_.get()).c_str(), 1);
+        previous_ = systemlog::redirectForTesting(fd_.get());
+    }
+    ~CapturedSystemLog() {
+        if (previousStream_.empty()) {
+            unsetenv("JOURNAL_STREAM");
+        } else {
+            setenv("JOURNAL_STREAM", previousStream_.c_str(), 1);
+        }
+        systemlog::redirectForTesting(previous_);
+    }
     CapturedSystemLog(const CapturedSystemLog&) = delete;
     CapturedSystemLog& operator=(const CapturedSystemLog&) = delete;
 
@@ -84,7 +107,8 @@ class CapturedSystemLog {
     TempDir dir_;
     const platform::UniqueFd fd_{
         open(dir_.file("systemlog").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)};
-    const int previous_ = systemlog::redirectForTesting(fd_.get());
+    std::string previousStream_;
+    int previous_ = -1;
 };
 
 }  // namespace kel::testing

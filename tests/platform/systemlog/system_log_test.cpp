@@ -10,6 +10,7 @@
 namespace kel::testing {
 namespace {
 
+// On the journal's stream, lines start with their priority.
 TEST(SystemLogTest, WritesOnePrefixedLinePerEnabledMessage) {
     CapturedSystemLog captured;
     systemlog::Handle handle = systemlog::create("org.test", "lines");
@@ -27,6 +28,20 @@ TEST(SystemLogTest, WritesOnePrefixedLinePerEnabledMessage) {
     const std::vector<std::string> expected = {"<5>plain 7", "<5>", "<3>Error a\\n (b)",
                                                "<3><" + longText + "=42>", "<3>shown"};
     EXPECT_EQ(captured.lines(), expected);
+}
+
+// Anywhere else (a terminal, a file), a line is the plain text.
+TEST(SystemLogTest, LinesOffTheJournalAreThePlainText) {
+    const TempDir dir;
+    const platform::UniqueFd fd(
+        open(dir.file("log").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    unsetenv("JOURNAL_STREAM");
+    const int previous = systemlog::redirectForTesting(fd.get());
+    const systemlog::Handle handle = systemlog::create("org.test", "plain");
+    systemlog::write(handle, systemlog::Level::kDefault, "default");
+    systemlog::write(handle, systemlog::Level::kError, "error");
+    systemlog::redirectForTesting(previous);
+    EXPECT_EQ(readFile(dir.file("log")), "default\nerror\n");
 }
 
 }  // namespace
