@@ -113,16 +113,14 @@ EditResult editPreference(const std::string& path, const std::string& key,
     Document document = Document::object();
     mode_t mode = newFileMode;
     if (read == FileReadResult::kRead) {
-        try {
-            document = Document::parse(bytes);
-        } catch (const nlohmann::json::exception& parseError) {
-            error = path + " is not valid JSON: " + parseError.what();
+        // Only what readers accept is edited; that also bounds the depth of
+        // what is built and written here.
+        PreferenceMap values;
+        if (!parsePreferences(bytes, values, error)) {
+            error = path + " " + error;
             return EditResult::kFailed;
         }
-        if (!document.is_object()) {
-            error = path + " does not hold a JSON object";
-            return EditResult::kFailed;
-        }
+        document = Document::parse(bytes);
         mode = status.st_mode & 07777;
     } else if (read != FileReadResult::kMissing) {
         error = path + " " + describeFileReadResult(read);
@@ -139,6 +137,13 @@ EditResult editPreference(const std::string& path, const std::string& key,
         text = document.dump(4) + "\n";
     } catch (const nlohmann::json::exception&) {
         error = "keys and texts must be valid UTF-8";
+        return EditResult::kFailed;
+    }
+    // Indentation grows with the depth: a file readers would refuse is not
+    // written.
+    if (text.size() > kMaxPreferencesFileSize) {
+        error =
+            path + " would be larger than " + std::to_string(kMaxPreferencesFileSize) + " bytes";
         return EditResult::kFailed;
     }
     return replaceFile(folderFd.get(), folder, path, text, mode, error) ? EditResult::kDone

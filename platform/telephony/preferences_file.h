@@ -44,8 +44,9 @@ enum class EditResult {
 // permission bits (`newFileMode` when there was no file) and is renamed over
 // it; then the folder is synced. The folder is created when missing. Edits
 // of one file by several processes are serialised with a lock on its folder,
-// so that none is lost. A file that cannot be read, or does not hold a JSON
-// object, is refused rather than overwritten. A process killed during an edit
+// so that none is lost. A file that cannot be read, or that readers would
+// take as empty (see preferences.h), is refused rather than overwritten, and
+// so is an edit whose file would be too large for them. A process killed during an edit
 // can leave a stray ".<name>.XXXXXX" file beside the domain's file, never a
 // partial domain file.
 [[nodiscard]] EditResult editPreference(const std::string& path, const std::string& key,

@@ -87,7 +87,10 @@ TEST_F(KelprefsTest, RefusesBadCommandsAndBrokenFilesLeavingTheFileAlone) {
                   {R"({"a": 1,,)", "write a --int 2", "is not valid JSON"},
                   {R"({"a": 1,,)", "read a", "is not valid JSON"},
                   {R"([{"a": 1}])", "delete a", "does not hold a JSON object"},
-                  {R"([{"a": 1}])", "list", "does not hold a JSON object"}};
+                  {R"([{"a": 1}])", "list", "does not hold a JSON object"},
+                  {std::string("{\"a\": 1}\0{\"b\": 2}", 17), "write c --int 1", "bytes after"},
+                  {"{\"a\": " + std::string(500'000, '[') + std::string(500'000, ']') + "}",
+                   "write b --int 1", "nested deeper than 16 levels"}};
     for (const auto& c : kCases) {
         std::ofstream(store_) << c.file;
         const Run refused = run(c.args);

@@ -14,6 +14,8 @@
 
 namespace {
 
+using namespace std::string_literals;
+
 class TelephonyTest : public ::testing::Test {
   protected:
     void SetUp() override { setenv("KEL_PREFERENCES_DIR", folder_.path().c_str(), 1); }
@@ -47,9 +49,15 @@ TEST_F(TelephonyTest, ChangeThatKeepsSizeAndMtimeIsSeenByTheNextRead) {
 
 TEST_F(TelephonyTest, WhatIsNotAWellFormedFileReadsAsEmptyWithoutBlocking) {
     const lum::PreferencesAdapter adapter("test.domain", lum::kPreferencesScopeCurrentUser);
-    const std::string kBroken[] = {
-        "fifo",       "folder",        "",
-        R"({"k": 1)", R"([{"k": 1}])", R"({"k": 1, "pad": ")" + std::string(1 << 20, 'x') + "\"}"};
+    // Not a file, not an object, a zero byte after it, 17 levels deep, too large.
+    const std::string kBroken[] = {"fifo",
+                                   "folder",
+                                   "",
+                                   R"({"k": 1)",
+                                   R"([{"k": 1}])",
+                                   "{\"k\": 1}\0{}"s,
+                                   R"({"k": 1, "d": [[[[[[[[[[[[[[[[]]]]]]]]]]]]]]]]})",
+                                   R"({"k": 1, "pad": ")" + std::string(1 << 20, 'x') + "\"}"};
     for (const std::string& broken : kBroken) {
         if (broken == "fifo" || broken == "folder") {
             ASSERT_EQ(broken == "fifo" ? mkfifo(path_.c_str(), 0600) : mkdir(path_.c_str(), 0700),
