@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <charconv>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -19,6 +20,9 @@ namespace {
 constexpr int kExitSuccess = 0;
 constexpr int kExitAbsent = 1;
 constexpr int kExitError = 2;
+
+// How long a change waits for another process's change to end.
+constexpr std::chrono::milliseconds kLockTimeout{3000};
 
 void printUsage(FILE* out, const std::string& path) {
     fprintf(out,
@@ -173,7 +177,7 @@ int edit(const std::string& path, const std::string& key,
     const mode_t mask = umask(0);
     umask(mask);
     std::string error;
-    switch (lum::editPreference(path, key, value, 0666 & ~mask, error)) {
+    switch (lum::editPreference(path, key, value, 0666 & ~mask, kLockTimeout, error)) {
         case lum::EditResult::kDone:
             return kExitSuccess;
         case lum::EditResult::kKeyAbsent:

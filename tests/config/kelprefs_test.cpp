@@ -84,6 +84,8 @@ TEST_F(KelprefsTest, RefusesBadCommandsAndBrokenFilesLeavingTheFileAlone) {
                   {"{}", "write k --real inf", "'inf' is not a valid real"},
                   {"{}", "write k --text x", "unknown type '--text'"},
                   {"{}", "write k --string \"$(printf '\\377')\"", "must be valid UTF-8"},
+                  {"{}", "write \"$(printf 'a\\nb')\" --int 1", "control characters"},
+                  {"{}", "write '' --int 1", "must not be empty"},
                   {R"({"a": 1,,)", "write a --int 2", "is not valid JSON"},
                   {R"({"a": 1,,)", "read a", "is not valid JSON"},
                   {R"([{"a": 1}])", "delete a", "does not hold a JSON object"},

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,12 +9,16 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/posix/clock.h"
+#include "platform/posix/unique_fd.h"
 #include "platform/telephony/preferences.h"
+#include "platform/telephony/preferences_file.h"
 #include "platform/telephony/radios.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
 
+using namespace std::chrono_literals;
 using namespace std::string_literals;
 
 class TelephonyTest : public ::testing::Test {
@@ -72,6 +77,33 @@ TEST_F(TelephonyTest, WhatIsNotAWellFormedFileReadsAsEmptyWithoutBlocking) {
         std::filesystem::remove(path_);
     }
     EXPECT_EQ(lum::PreferencesAdapter("test.domain", "anyUser").copyValue("k"), std::nullopt);
+}
+
+TEST_F(TelephonyTest, AnEditWaitsForTheLockABoundedTimeAndThenClearsDeadEditsFiles) {
+    store("{}");
+    const std::string dead = folder_.file(".test.domain.json.new-Ab12Z9");
+    const std::string kOthers[] = {".test.domain.json.new-Ab12Z", ".test.domain.json.Ab12Z9",
+                                   ".other.json.new-Ab12Z9", "test.domain.json.new-Ab12Z9"};
+    for (const std::string& name : kOthers) {
+        std::ofstream(folder_.file(name)) << "x";
+    }
+    std::ofstream(dead) << "x";
+    const platform::UniqueFd holder(open(folder_.path().c_str(), O_RDONLY | O_DIRECTORY));
+    ASSERT_EQ(flock(holder.get(), LOCK_EX), 0);
+    std::string error;
+    const int64_t start = platform::nowNs();
+    EXPECT_EQ(lum::editPreference(path_, "k", number(1), 0600, 200ms, error),
+              lum::EditResult::kFailed);
+    EXPECT_GE(platform::nowNs() - start, 200 * platform::kNsPerMs);
+    EXPECT_NE(error.find("lock on " + folder_.path()), std::string::npos) << error;
+    EXPECT_TRUE(std::filesystem::exists(dead));  // it may still be a live edit's
+    ASSERT_EQ(flock(holder.get(), LOCK_UN), 0);
+    EXPECT_EQ(lum::editPreference(path_, "k", number(1), 0600, 200ms, error),
+              lum::EditResult::kDone);
+    EXPECT_FALSE(std::filesystem::exists(dead));
+    for (const std::string& name : kOthers) {
+        EXPECT_TRUE(std::filesystem::exists(folder_.file(name))) << name;
+    }
 }
 
 // Each check runs in a child of its own (a death test): the description is
