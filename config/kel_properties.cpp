@@ -8,13 +8,18 @@ namespace {
 
 constinit kel::SharedInstanceSlot<KELProperties> sProperties;
 
-// The stored value under `key` when it has the type `Stored`, converted into
-// `target` by `convert`.
-template <typename Stored, typename Target>
+// The stored value under `key`, when `isOfType` it, converted into `target`
+// by `convert`.
+template <typename Target>
 bool readTyped(const lum::PreferencesAdapter& adapter, const std::string& key, Target& target,
+               bool (*isOfType)(const lum::PreferenceValue&),
                bool (*convert)(const lum::PreferenceValue&, Target&)) {
     const std::optional<lum::PreferenceValue> value = adapter.copyValue(key);
-    return value.has_value() && std::holds_alternative<Stored>(*value) && convert(*value, target);
+    return value.has_value() && isOfType(*value) && convert(*value, target);
+}
+
+bool isBoolean(const lum::PreferenceValue& value) {
+    return std::holds_alternative<bool>(value);
 }
 
 }  // namespace
@@ -27,17 +32,17 @@ std::shared_ptr<KELProperties> KELProperties::instance() {
 
 bool KELProperties::readUnsigned(const lum::PreferencesAdapter& adapter, const std::string& key,
                                  uint32_t& target) {
-    return readTyped<double>(adapter, key, target, lum::preferenceToUInt32);
+    return readTyped(adapter, key, target, lum::isPreferenceNumber, lum::preferenceToUInt32);
 }
 
 bool KELProperties::readInt(const lum::PreferencesAdapter& adapter, const std::string& key,
                             int32_t& target) {
-    return readTyped<double>(adapter, key, target, lum::preferenceToInt32);
+    return readTyped(adapter, key, target, lum::isPreferenceNumber, lum::preferenceToInt32);
 }
 
 bool KELProperties::readBool(const lum::PreferencesAdapter& adapter, const std::string& key,
                              bool& target) {
-    return readTyped<bool>(adapter, key, target, lum::preferenceToBool);
+    return readTyped(adapter, key, target, isBoolean, lum::preferenceToBool);
 }
 
 void KELProperties::readText(const lum::PreferencesAdapter& adapter, const std::string& key,

@@ -95,7 +95,7 @@ std::optional<lum::PreferenceValue> parseValue(std::string_view type, std::strin
     if (type == "--int") {
         const std::optional<int64_t> number = wholeText<int64_t>(text);
         if (number && *number >= INT32_MIN && *number <= UINT32_MAX) {
-            return static_cast<double>(*number);
+            return *number;
         }
     }
     if (type == "--real") {
@@ -123,8 +123,7 @@ const char* typeName(const lum::PreferenceValue& value) {
     if (std::holds_alternative<bool>(value)) {
         return "bool";
     }
-    const double number = std::get<double>(value);
-    return std::trunc(number) == number ? "int" : "real";
+    return std::holds_alternative<int64_t>(value) ? "int" : "real";
 }
 
 // Whole, zero bytes included (a JSON text may hold "\u0000").

@@ -2,9 +2,11 @@
 // any I/O so that the parser can be fuzzed on its own.
 #include <charconv>
 #include <cmath>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "platform/telephony/preferences.h"
 
@@ -12,10 +14,14 @@ namespace lum {
 
 namespace {
 
-// The number as a whole value within [low, high], or nothing. NaN and
+// The number as a whole value within the range of Int, or nothing. NaN and
 // infinities never reach here from JSON but fail the same way.
 template <typename Int>
 std::optional<Int> wholeNumberIn(const PreferenceValue& value) {
+    if (const int64_t* integer = std::get_if<int64_t>(&value)) {
+        return std::in_range<Int>(*integer) ? std::optional<Int>(static_cast<Int>(*integer))
+                                            : std::nullopt;
+    }
     const double* number = std::get_if<double>(&value);
     if (number == nullptr || std::trunc(*number) != *number ||
         *number < static_cast<double>(std::numeric_limits<Int>::min()) ||
@@ -38,11 +44,10 @@ class PreferencesReader final : public nlohmann::json_sax<nlohmann::json> {
 
     bool null() override { return member(std::nullopt); }
     bool boolean(bool value) override { return member(value); }
-    bool number_integer(number_integer_t value) override {
-        return member(static_cast<double>(value));
-    }
+    bool number_integer(number_integer_t value) override { return member(int64_t{value}); }
     bool number_unsigned(number_unsigned_t value) override {
-        return member(static_cast<double>(value));
+        return std::in_range<int64_t>(value) ? member(static_cast<int64_t>(value))
+                                             : member(static_cast<double>(value));
     }
     bool number_float(number_float_t value, const string_t& /*text*/) override {
         return member(value);
@@ -138,6 +143,8 @@ void preferenceToText(const PreferenceValue& value, std::string& target) {
         target = *text;
     } else if (const bool* boolean = std::get_if<bool>(&value)) {
         target = *boolean ? "true" : "false";
+    } else if (const int64_t* integer = std::get_if<int64_t>(&value)) {
+        target = std::to_string(*integer);
     } else {
         const double number = std::get<double>(value);
         char buffer[32];

@@ -41,9 +41,16 @@ inline constexpr size_t kMaxPreferencesFileSize = 1 << 20;
 // counted as one, are not read.
 inline constexpr size_t kMaxPreferencesDepth = 16;
 
-// A stored value: a number, a boolean or a text. Numbers are held as doubles;
-// every value a 32-bit conversion accepts is exact in one.
-using PreferenceValue = std::variant<double, bool, std::string>;
+// A stored value: a number, a boolean or a text. A number is an integer when
+// the file writes it without fraction or exponent and it fits in 64 bits, a
+// real (double) otherwise; the two differ only in how they are kept and
+// shown, and the conversions below treat them alike.
+using PreferenceValue = std::variant<int64_t, double, bool, std::string>;
+
+// Whether `value` is a number, integer or real.
+inline bool isPreferenceNumber(const PreferenceValue& value) {
+    return std::holds_alternative<int64_t>(value) || std::holds_alternative<double>(value);
+}
 using PreferenceMap = std::map<std::string, PreferenceValue, std::less<>>;
 
 // The value conversions. Each writes `target` and returns true on success, or

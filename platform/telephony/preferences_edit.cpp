@@ -139,13 +139,9 @@ bool isWritableKey(std::string_view key) {
     });
 }
 
-// A whole number is written as a JSON integer, so that it reads back as one
-// in any other tool.
+// A real is written with a fraction or an exponent (2.0, not 2), so that it
+// reads back as a real.
 Document toJson(const PreferenceValue& value) {
-    if (const double* number = std::get_if<double>(&value);
-        number != nullptr && std::trunc(*number) == *number && std::fabs(*number) < 0x1p63) {
-        return static_cast<int64_t>(*number);
-    }
     return std::visit([](const auto& alternative) { return Document(alternative); }, value);
 }
 

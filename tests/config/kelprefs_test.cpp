@@ -51,7 +51,8 @@ TEST_F(KelprefsTest, WritesReadsListsAndDeletesEveryTypeKeepingTheRest) {
                   {"c", "--int -2147483648", "int", "-2147483648"},
                   {"d", "--int 4294967295", "int", "4294967295"},
                   {"e", "--bool false", "bool", "false"},
-                  {"f", "--real 2e-3", "real", "0.002"}};
+                  {"f", "--real 2e-3", "real", "0.002"},
+                  {"g", "--real 2", "real", "2"}};
     std::string listing;
     for (const auto& c : kCases) {
         EXPECT_EQ(run(std::string("write ") + c.key + " " + c.write).status, 0) << c.write;

@@ -32,7 +32,7 @@ class TelephonyTest : public ::testing::Test {
     const std::string path_ = folder_.file("test.domain.json");
 };
 
-std::optional<lum::PreferenceValue> number(double value) {
+std::optional<lum::PreferenceValue> number(int64_t value) {
     return lum::PreferenceValue(value);
 }
 
