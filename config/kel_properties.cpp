@@ -22,6 +22,20 @@ bool isBoolean(const lum::PreferenceValue& value) {
     return std::holds_alternative<bool>(value);
 }
 
+// A store that holds one value under every key.
+class SingleValue final : public lum::PreferencesAdapter {
+  public:
+    explicit SingleValue(lum::PreferenceValue value)
+        : PreferencesAdapter(KELProperties::kDomain, "none"), value_(std::move(value)) {}
+
+    std::optional<lum::PreferenceValue> copyValue(const std::string& /*key*/) const override {
+        return value_;
+    }
+
+  private:
+    const lum::PreferenceValue value_;
+};
+
 }  // namespace
 
 KELProperties::KELProperties() : adapter_(kDomain, lum::kPreferencesScopeCurrentUser) {}
@@ -57,8 +71,33 @@ bool KELProperties::isEnabled(const Capabilities& /*capabilities*/) {
     // Internal builds are asked about only on carrier builds.
     bool enabled = TelephonyUtilIsCarrierBuild() && !TelephonyUtilIsInternalBuild();
     std::string text;
-    readText(instance()->adapter(), "kel.enabled", text);
+    readText(instance()->adapter(), kEnabledKey, text);
     // Unrecognised text, the empty text included, keeps the default.
     static_cast<void>(parseBoolValue(text, enabled));
     return enabled;
+}
+
+bool KELProperties::takes(ReadKind kind, const lum::PreferenceValue& value) {
+    const SingleValue adapter(value);
+    uint32_t asUnsigned = 0;
+    int32_t asInt = 0;
+    bool asBool = false;
+    std::string text;
+    switch (kind) {
+        case ReadKind::kTextBool:
+            readText(adapter, "", text);
+            return parseBoolValue(text, asBool);
+        case ReadKind::kTextInt:
+            readText(adapter, "", text);
+            return parseIntValue(text, asInt);
+        case ReadKind::kUnsigned:
+            return readUnsigned(adapter, "", asUnsigned);
+        case ReadKind::kInt:
+            return readInt(adapter, "", asInt);
+        case ReadKind::kBool:
+            return readBool(adapter, "", asBool);
+        case ReadKind::kText:
+            break;
+    }
+    return true;
 }

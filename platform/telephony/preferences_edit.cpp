@@ -230,10 +230,10 @@ EditResult editPreference(const std::string& path, const std::string& key,
     const FileReadResult read = readPreferencesFile(path, bytes, status);
     Document document = Document::object();
     mode_t mode = newFileMode;
+    PreferenceMap values;
     if (read == FileReadResult::kRead) {
         // Only what readers accept is edited; that also bounds the depth of
         // what is built and written here.
-        PreferenceMap values;
         if (!parsePreferences(bytes, values, error)) {
             error = path + " " + error;
             return EditResult::kFailed;
@@ -247,7 +247,9 @@ EditResult editPreference(const std::string& path, const std::string& key,
 
     if (value) {
         document[key] = toJson(*value);
-    } else if (document.erase(key) == 0) {
+    } else if (values.contains(key)) {
+        document.erase(key);
+    } else {
         return EditResult::kKeyAbsent;
     }
     std::string text;

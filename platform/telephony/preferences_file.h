@@ -33,12 +33,14 @@ enum class FileReadResult {
 
 enum class EditResult {
     kDone,
-    kKeyAbsent,  // a removal found nothing to remove; the file is untouched
+    kKeyAbsent,  // a removal found no preference to remove; the file is untouched
     kFailed,     // the file is untouched; `error` says why
 };
 
 // Sets `key` to `value` in the file at `path`, or removes it when `value` is
-// empty, keeping every other member (whatever its JSON type) in its order. A
+// empty, keeping every other member (whatever its JSON type) in its order.
+// Only a preference is removed: a member that readers take as absent (null,
+// an array or an object) is not, as if it were not there. A
 // key to set must not be empty or hold control characters (a line feed would
 // make a listing ambiguous).
 //
