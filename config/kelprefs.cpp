@@ -383,7 +383,7 @@ std::optional<CommandLine> parseCommandLine(int argc, char** argv) {
             }
             default:
                 if (!line.type.empty()) {
-                    usageError("give one of --string, --int, --bool or --real");
+                    usageError("give only one of --string, --int, --bool or --real");
                     return std::nullopt;
                 }
                 line.type = kOptions[index].name;

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -88,26 +87,25 @@ class WakeUpTimer {
 };
 
 // Takes the exclusive lock of the folder open at `fd`: one blocking flock(2)
-// that a timer ends after `timeout`. False with errno set on failure,
-// ETIMEDOUT when the time ran out.
-[[nodiscard]] bool lockFolder(int fd, std::chrono::milliseconds timeout) {
+// that a timer ends after `timeout`. Returns 0, or the error number (the
+// timer's clean-up may change errno): ETIMEDOUT when the time ran out.
+[[nodiscard]] int lockFolder(int fd, std::chrono::milliseconds timeout) {
     const int64_t deadlineNs =
         platform::nowNs() + std::chrono::duration_cast<std::chrono::nanoseconds>(timeout).count();
     const WakeUpTimer timer(deadlineNs);
     if (!timer.armed()) {
-        return false;
+        return errno;
     }
     while (flock(fd, LOCK_EX) != 0) {
         if (errno != EINTR) {
-            return false;
+            return errno;
         }
         // Another signal may interrupt the wait before the deadline.
         if (platform::nowNs() >= deadlineNs) {
-            errno = ETIMEDOUT;
-            return false;
+            return ETIMEDOUT;
         }
     }
-    return true;
+    return 0;
 }
 
 // Removes the temporary files that edits of the file `name` left when they
@@ -216,8 +214,10 @@ EditResult editPreference(const std::string& path, const std::string& key,
         return EditResult::kFailed;
     }
     const platform::UniqueFd folderFd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folderFd.valid() || !lockFolder(folderFd.get(), lockTimeout)) {
-        error = errno == ETIMEDOUT
+    const int lockError = folderFd.valid() ? lockFolder(folderFd.get(), lockTimeout) : errno;
+    if (lockError != 0) {
+        errno = lockError;
+        error = lockError == ETIMEDOUT
                     ? "gave up after " + std::to_string(lockTimeout.count()) +
                           " ms waiting for the lock on " + folder + ", held by another process"
                     : systemError("cannot lock " + folder);
