@@ -8,14 +8,33 @@ namespace {
 
 constinit kel::SharedInstanceSlot<KELProperties> sProperties;
 
-// The stored value under `key` when it has the type `Stored`, converted into
-// `target` by `convert`.
-template <typename Stored, typename Target>
+// The stored value under `key`, when `isOfType` it, converted into `target`
+// by `convert`.
+template <typename Target>
 bool readTyped(const lum::PreferencesAdapter& adapter, const std::string& key, Target& target,
+               bool (*isOfType)(const lum::PreferenceValue&),
                bool (*convert)(const lum::PreferenceValue&, Target&)) {
     const std::optional<lum::PreferenceValue> value = adapter.copyValue(key);
-    return value.has_value() && std::holds_alternative<Stored>(*value) && convert(*value, target);
+    return value.has_value() && isOfType(*value) && convert(*value, target);
 }
+
+bool isBoolean(const lum::PreferenceValue& value) {
+    return std::holds_alternative<bool>(value);
+}
+
+// A store that holds one value under every key.
+class SingleValue final : public lum::PreferencesAdapter {
+  public:
+    explicit SingleValue(lum::PreferenceValue value)
+        : PreferencesAdapter(KELProperties::kDomain, "none"), value_(std::move(value)) {}
+
+    std::optional<lum::PreferenceValue> copyValue(const std::string& /*key*/) const override {
+        return value_;
+    }
+
+  private:
+    const lum::PreferenceValue value_;
+};
 
 }  // namespace
 
@@ -27,17 +46,17 @@ std::shared_ptr<KELProperties> KELProperties::instance() {
 
 bool KELProperties::readUnsigned(const lum::PreferencesAdapter& adapter, const std::string& key,
                                  uint32_t& target) {
-    return readTyped<double>(adapter, key, target, lum::preferenceToUInt32);
+    return readTyped(adapter, key, target, lum::isPreferenceNumber, lum::preferenceToUInt32);
 }
 
 bool KELProperties::readInt(const lum::PreferencesAdapter& adapter, const std::string& key,
                             int32_t& target) {
-    return readTyped<double>(adapter, key, target, lum::preferenceToInt32);
+    return readTyped(adapter, key, target, lum::isPreferenceNumber, lum::preferenceToInt32);
 }
 
 bool KELProperties::readBool(const lum::PreferencesAdapter& adapter, const std::string& key,
                              bool& target) {
-    return readTyped<bool>(adapter, key, target, lum::preferenceToBool);
+    return readTyped(adapter, key, target, isBoolean, lum::preferenceToBool);
 }
 
 void KELProperties::readText(const lum::PreferencesAdapter& adapter, const std::string& key,
@@ -52,8 +71,33 @@ bool KELProperties::isEnabled(const Capabilities& /*capabilities*/) {
     // Internal builds are asked about only on carrier builds.
     bool enabled = TelephonyUtilIsCarrierBuild() && !TelephonyUtilIsInternalBuild();
     std::string text;
-    readText(instance()->adapter(), "kel.enabled", text);
+    readText(instance()->adapter(), kEnabledKey, text);
     // Unrecognised text, the empty text included, keeps the default.
     static_cast<void>(parseBoolValue(text, enabled));
     return enabled;
+}
+
+bool KELProperties::takes(ReadKind kind, const lum::PreferenceValue& value) {
+    const SingleValue adapter(value);
+    uint32_t asUnsigned = 0;
+    int32_t asInt = 0;
+    bool asBool = false;
+    std::string text;
+    switch (kind) {
+        case ReadKind::kTextBool:
+            readText(adapter, "", text);
+            return parseBoolValue(text, asBool);
+        case ReadKind::kTextInt:
+            readText(adapter, "", text);
+            return parseIntValue(text, asInt);
+        case ReadKind::kUnsigned:
+            return readUnsigned(adapter, "", asUnsigned);
+        case ReadKind::kInt:
+            return readInt(adapter, "", asInt);
+        case ReadKind::kBool:
+            return readBool(adapter, "", asBool);
+        case ReadKind::kText:
+            break;
+    }
+    return true;
 }

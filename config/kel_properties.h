@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 
 #include "platform/telephony/preferences.h"
@@ -24,6 +25,8 @@ class KELProperties {
   public:
     // The baseband manager's preferences domain.
     static constexpr const char* kDomain = "org.kel.basebandmanager";
+    // The key of isEnabled.
+    static constexpr const char* kEnabledKey = "kel.enabled";
 
     // The process-wide reader, bound to kDomain for the current user.
     static std::shared_ptr<KELProperties> instance();
@@ -53,6 +56,27 @@ class KELProperties {
     // then.
     static bool parseBoolValue(const std::string& text, bool& target);
     static bool parseIntValue(const std::string& text, int32_t& target);
+
+    // How the getter of a key reads its stored value: text parsed with
+    // parseBoolValue or parseIntValue (the "kel." keys), a number read with
+    // readUnsigned or readInt, a boolean read with readBool, or any value read
+    // as text.
+    enum class ReadKind { kTextBool, kTextInt, kUnsigned, kInt, kBool, kText };
+
+    // A key that a getter reads, and what that getter returns now: the stored
+    // value when it converts, the key's default otherwise.
+    struct Key {
+        const char* name;
+        ReadKind kind;
+        lum::PreferenceValue (*effectiveValue)();
+    };
+
+    // Every key the getters read, "kel.enabled" first.
+    static std::span<const Key> keys();
+
+    // Whether a getter that reads its key as `kind` takes `value`, stored
+    // under it, rather than its default: the same reads and parsers decide.
+    static bool takes(ReadKind kind, const lum::PreferenceValue& value);
 
     // "kel.enabled": whether the daemon keeps its own log. Unless set, true
     // exactly on a carrier build that is not an internal build (asked of the

@@ -1,6 +1,7 @@
 // Every key of the baseband manager's preferences, with its default and what
-// is done with the stored value. Each getter holds its own reference to the
-// shared reader for the length of the call.
+// is done with the stored value, and the list of them (keys()) through which
+// tools ask what the daemon would use. Each getter holds its own reference to
+// the shared reader for the length of the call.
 #include <algorithm>
 #include <initializer_list>
 
@@ -9,6 +10,23 @@
 #include "platform/trace/trace.h"
 
 namespace {
+
+constexpr const char* kHistory = "kel.history";
+constexpr const char* kTUDebugFlags = "TUDebugFlags";
+constexpr const char* kRFSFlushInterval = "RFSFlushInterval";
+constexpr const char* kRFSFlushTimeout = "RFSFlushTimeout";
+constexpr const char* kRFSForcedSync = "RFSForcedSync";
+constexpr const char* kBootBaseband = "BootBaseband";
+constexpr const char* kBlockBasebandResets = "BlockBasebandResets";
+constexpr const char* kLogScratchPath = "LogScratchPath";
+constexpr const char* kLogSnapshotPath = "LogSnapshotPath";
+constexpr const char* kCoreDumpOnSoftResetTimeout = "CoreDumpOnSoftResetTimeout";
+constexpr const char* kStackshotOnShutdownTimeout = "StackshotOnShutdownTimeout";
+constexpr const char* kBEDLogTimeout = "BEDLogTimeout";
+constexpr const char* kCoexSupported = "CoexSupported";
+constexpr const char* kRadioHealthSupported = "RadioHealthSupported";
+constexpr const char* kPanicOnBasebandReset = "PanicOnBasebandReset";
+constexpr const char* kNetworkPolicySupported = "NetworkPolicySupported";
 
 // The reads of the getters, each on the shared reader: the result starts at
 // `fallback` and a stored value that converts replaces it.
@@ -45,68 +63,121 @@ bool triStateKey(const char* key, uint32_t radio, std::initializer_list<uint32_t
 int32_t KELProperties::getHistory() {
     int32_t history = 4;
     std::string text;
-    readText(instance()->adapter(), "kel.history", text);
+    readText(instance()->adapter(), kHistory, text);
     static_cast<void>(parseIntValue(text, history));
     return history;
 }
 
 uint32_t KELProperties::getTUDebugFlags() {
-    return unsignedKey("TUDebugFlags", 10);
+    return unsignedKey(kTUDebugFlags, 10);
 }
 
 uint32_t KELProperties::getRFSFlushInterval() {
-    return unsignedKey("RFSFlushInterval", 7200);
+    return unsignedKey(kRFSFlushInterval, 7200);
 }
 
 uint32_t KELProperties::getRFSFlushTimeout(const Capabilities& capabilities) {
-    return unsignedKey("RFSFlushTimeout", capabilities.vendor == 1 ? 9 : 15);
+    return unsignedKey(kRFSFlushTimeout, capabilities.vendor == 1 ? 9 : 15);
 }
 
 bool KELProperties::getRFSForcedSync() {
-    return boolKey("RFSForcedSync", false);
+    return boolKey(kRFSForcedSync, false);
 }
 
 bool KELProperties::getBootBaseband() {
-    return boolKey("BootBaseband", true);
+    return boolKey(kBootBaseband, true);
 }
 
 bool KELProperties::getBlockBasebandResets() {
-    return boolKey("BlockBasebandResets", false);
+    return boolKey(kBlockBasebandResets, false);
 }
 
 std::string KELProperties::getLogScratchPath() {
-    return textKey("LogScratchPath", kel::trace::kScratchFolder);
+    return textKey(kLogScratchPath, kel::trace::kScratchFolder);
 }
 
 std::string KELProperties::getLogSnapshotPath() {
-    return textKey("LogSnapshotPath", kel::trace::kSnapshotFolder);
+    return textKey(kLogSnapshotPath, kel::trace::kSnapshotFolder);
 }
 
 bool KELProperties::getCoreDumpOnSoftResetTimeout() {
-    return boolKey("CoreDumpOnSoftResetTimeout", false);
+    return boolKey(kCoreDumpOnSoftResetTimeout, false);
 }
 
 bool KELProperties::getStackshotOnShutdownTimeout() {
     // Asked on every call, before the lookup: the answer may change.
-    return boolKey("StackshotOnShutdownTimeout", kel::trace::isAllowed());
+    return boolKey(kStackshotOnShutdownTimeout, kel::trace::isAllowed());
 }
 
 uint32_t KELProperties::getBEDLogTimeout() {
-    return unsignedKey("BEDLogTimeout", 5);
+    return unsignedKey(kBEDLogTimeout, 5);
 }
 
 bool KELProperties::isCoexSupported(const Capabilities& capabilities) {
-    return triStateKey("CoexSupported", capabilities.radio, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
+    return triStateKey(kCoexSupported, capabilities.radio, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
 }
 
 bool KELProperties::isRadioHealthSupported(const Capabilities& capabilities) {
-    return triStateKey("RadioHealthSupported", capabilities.radio, {1, 2, 4, 6, 8});
+    return triStateKey(kRadioHealthSupported, capabilities.radio, {1, 2, 4, 6, 8});
 }
 
 bool Capabilities::getPanicOnBasebandReset() {
-    return boolKey("PanicOnBasebandReset", false);
+    return boolKey(kPanicOnBasebandReset, false);
 }
 
 bool Capabilities::isNetworkPolicySupported() const {
-    return triStateKey("NetworkPolicySupported", radio, {8, 10});
+    return triStateKey(kNetworkPolicySupported, radio, {8, 10});
+}
+
+namespace {
+
+using Kind = KELProperties::ReadKind;
+
+lum::PreferenceValue number(int64_t value) {
+    return value;
+}
+
+constexpr KELProperties::Key kKeys[] = {
+    {KELProperties::kEnabledKey, Kind::kTextBool,
+     [] { return lum::PreferenceValue(KELProperties::isEnabled(*Capabilities::instance())); }},
+    {kHistory, Kind::kTextInt, [] { return number(KELProperties::getHistory()); }},
+    {kTUDebugFlags, Kind::kUnsigned, [] { return number(KELProperties::getTUDebugFlags()); }},
+    {kRFSFlushInterval, Kind::kUnsigned,
+     [] { return number(KELProperties::getRFSFlushInterval()); }},
+    {kRFSFlushTimeout, Kind::kUnsigned,
+     [] { return number(KELProperties::getRFSFlushTimeout(*Capabilities::instance())); }},
+    {kRFSForcedSync, Kind::kBool,
+     [] { return lum::PreferenceValue(KELProperties::getRFSForcedSync()); }},
+    {kBootBaseband, Kind::kBool,
+     [] { return lum::PreferenceValue(KELProperties::getBootBaseband()); }},
+    {kBlockBasebandResets, Kind::kBool,
+     [] { return lum::PreferenceValue(KELProperties::getBlockBasebandResets()); }},
+    {kLogScratchPath, Kind::kText,
+     [] { return lum::PreferenceValue(KELProperties::getLogScratchPath()); }},
+    {kLogSnapshotPath, Kind::kText,
+     [] { return lum::PreferenceValue(KELProperties::getLogSnapshotPath()); }},
+    {kCoreDumpOnSoftResetTimeout, Kind::kBool,
+     [] { return lum::PreferenceValue(KELProperties::getCoreDumpOnSoftResetTimeout()); }},
+    {kStackshotOnShutdownTimeout, Kind::kBool,
+     [] { return lum::PreferenceValue(KELProperties::getStackshotOnShutdownTimeout()); }},
+    {kBEDLogTimeout, Kind::kUnsigned, [] { return number(KELProperties::getBEDLogTimeout()); }},
+    {kCoexSupported, Kind::kInt,
+     [] {
+         return lum::PreferenceValue(KELProperties::isCoexSupported(*Capabilities::instance()));
+     }},
+    {kRadioHealthSupported, Kind::kInt,
+     [] {
+         return lum::PreferenceValue(
+             KELProperties::isRadioHealthSupported(*Capabilities::instance()));
+     }},
+    {kPanicOnBasebandReset, Kind::kBool,
+     [] { return lum::PreferenceValue(Capabilities::getPanicOnBasebandReset()); }},
+    {kNetworkPolicySupported, Kind::kInt,
+     [] { return lum::PreferenceValue(Capabilities::instance()->isNetworkPolicySupported()); }},
+};
+
+}  // namespace
+
+std::span<const KELProperties::Key> KELProperties::keys() {
+    return kKeys;
 }

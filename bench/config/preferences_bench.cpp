@@ -93,7 +93,7 @@ void BM_FirstReadAfterChange(benchmark::State& state) {
         const std::optional<lum::PreferenceValue> value = adapter.copyValue(kKey);
         state.SetIterationTime(
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-        if (!value || std::get<double>(*value) != version % 10) {
+        if (!value || std::get<int64_t>(*value) != version % 10) {
             state.SkipWithError("the change was not seen");
             break;
         }

@@ -11,8 +11,10 @@
 // The file holds one JSON object. A JSON number is a number, true and false
 // a boolean, a string a text; members of any other JSON type are not
 // preferences and read as absent. A file that is missing, unreadable, empty,
-// larger than kMaxPreferencesFileSize, not valid JSON, not an object, or not
-// a regular file (a FIFO or a folder: never waited on) reads as empty.
+// larger than kMaxPreferencesFileSize, not valid JSON, not an object, nested
+// deeper than kMaxPreferencesDepth, followed by anything but white space (a
+// zero byte included), or not a regular file (a FIFO or a folder: never
+// waited on) reads as empty.
 #pragma once
 
 #include <sys/types.h>
@@ -35,9 +37,20 @@ inline constexpr const char* kPreferencesScopeCurrentUser = "currentUser";
 // Files beyond this size are not read.
 inline constexpr size_t kMaxPreferencesFileSize = 1 << 20;
 
-// A stored value: a number, a boolean or a text. Numbers are held as doubles;
-// every value a 32-bit conversion accepts is exact in one.
-using PreferenceValue = std::variant<double, bool, std::string>;
+// Files whose arrays and objects nest deeper than this, the top-level object
+// counted as one, are not read.
+inline constexpr size_t kMaxPreferencesDepth = 16;
+
+// A stored value: a number, a boolean or a text. A number is an integer when
+// the file writes it without fraction or exponent and it fits in 64 bits, a
+// real (double) otherwise; the two differ only in how they are kept and
+// shown, and the conversions below treat them alike.
+using PreferenceValue = std::variant<int64_t, double, bool, std::string>;
+
+// Whether `value` is a number, integer or real.
+inline bool isPreferenceNumber(const PreferenceValue& value) {
+    return std::holds_alternative<int64_t>(value) || std::holds_alternative<double>(value);
+}
 using PreferenceMap = std::map<std::string, PreferenceValue, std::less<>>;
 
 // The value conversions. Each writes `target` and returns true on success, or
@@ -54,8 +67,9 @@ void preferenceToText(const PreferenceValue& value, std::string& target);
 
 // Parses the bytes of a domain's file into `values` (replacing what it held).
 // Returns false with a message in `error` (a phrase to follow the file's
-// path, "is not valid JSON: ...") when the bytes are not a JSON object; `values` is then empty.
-// Never throws for any input.
+// path, "is not valid JSON: ...") when the bytes are not a well-formed file
+// as described above; `values` is then empty. Never throws for any input, and
+// its stack does not grow with the nesting.
 [[nodiscard]] bool parsePreferences(std::string_view bytes, PreferenceMap& values,
                                     std::string& error);
 

@@ -1,14 +1,22 @@
 // Changing one key of a domain's file, atomically.
+#include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/file.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
-#include <cmath>
 #include <cstring>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <string_view>
 
+#include "platform/posix/clock.h"
 #include "platform/posix/eintr.h"
 #include "platform/posix/file_util.h"
 #include "platform/posix/unique_fd.h"
@@ -20,17 +28,118 @@ namespace {
 
 using Document = nlohmann::ordered_json;
 
+// An edit's temporary file is ".<name>" + this + six letters or digits (from
+// mkostemp).
+constexpr std::string_view kTemporaryMark = ".new-";
+
 std::string systemError(const std::string& what) {
     return what + ": " + strerror(errno);
 }
 
-// A whole number is written as a JSON integer, so that it reads back as one
-// in any other tool.
-Document toJson(const PreferenceValue& value) {
-    if (const double* number = std::get_if<double>(&value);
-        number != nullptr && std::trunc(*number) == *number && std::fabs(*number) < 0x1p63) {
-        return static_cast<int64_t>(*number);
+// Sends SIGALRM to the calling thread at `deadlineNs` (CLOCK_MONOTONIC), and
+// again every kRepeatNs after it, with a handler that does nothing and no
+// SA_RESTART: a blocking call of the thread returns EINTR. The repeats catch
+// the case where the first signal came just before the thread blocked. The
+// process's SIGALRM disposition and the thread's signal mask are restored when
+// the timer goes.
+class WakeUpTimer {
+  public:
+    explicit WakeUpTimer(int64_t deadlineNs) {
+        struct sigaction action {};
+        action.sa_handler = [](int) {};
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGALRM, &action, &previousAction_);
+        sigset_t alarm;
+        sigemptyset(&alarm);
+        sigaddset(&alarm, SIGALRM);
+        pthread_sigmask(SIG_UNBLOCK, &alarm, &previousMask_);
+        sigevent event{};
+        event.sigev_notify = SIGEV_THREAD_ID;
+        event.sigev_signo = SIGALRM;
+        event._sigev_un._tid = gettid();
+        const itimerspec schedule{platform::toTimespec(kRepeatNs),
+                                  platform::toTimespec(static_cast<uint64_t>(deadlineNs))};
+        armed_ = timer_create(CLOCK_MONOTONIC, &event, &timer_) == 0;
+        if (armed_ && timer_settime(timer_, TIMER_ABSTIME, &schedule, nullptr) != 0) {
+            timer_delete(timer_);
+            armed_ = false;
+        }
     }
+    ~WakeUpTimer() {
+        if (armed_) {
+            timer_delete(timer_);
+        }
+        pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr);
+        sigaction(SIGALRM, &previousAction_, nullptr);
+    }
+    WakeUpTimer(const WakeUpTimer&) = delete;
+    WakeUpTimer& operator=(const WakeUpTimer&) = delete;
+
+    bool armed() const { return armed_; }
+
+  private:
+    static constexpr int64_t kRepeatNs = 100 * platform::kNsPerMs;
+
+    struct sigaction previousAction_ {};
+    sigset_t previousMask_{};
+    timer_t timer_{};
+    bool armed_ = false;
+};
+
+// Takes the exclusive lock of the folder open at `fd`: one blocking flock(2)
+// that a timer ends after `timeout`. Returns 0, or the error number (the
+// timer's clean-up may change errno): ETIMEDOUT when the time ran out.
+[[nodiscard]] int lockFolder(int fd, std::chrono::milliseconds timeout) {
+    const int64_t deadlineNs =
+        platform::nowNs() + std::chrono::duration_cast<std::chrono::nanoseconds>(timeout).count();
+    const WakeUpTimer timer(deadlineNs);
+    if (!timer.armed()) {
+        return errno;
+    }
+    while (flock(fd, LOCK_EX) != 0) {
+        if (errno != EINTR) {
+            return errno;
+        }
+        // Another signal may interrupt the wait before the deadline.
+        if (platform::nowNs() >= deadlineNs) {
+            return ETIMEDOUT;
+        }
+    }
+    return 0;
+}
+
+// Removes the temporary files that edits of the file `name` left when they
+// died before renaming them. Call with the folder's lock held: a live edit
+// holds it as long as its temporary file exists, so none is removed.
+void removeDeadEditsFiles(int folderFd, const std::string& name) {
+    const std::string prefix = "." + name + std::string(kTemporaryMark);
+    platform::UniqueFd listFd(openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(
+        listFd.valid() ? fdopendir(listFd.get()) : nullptr, closedir);
+    if (folder == nullptr) {
+        return;
+    }
+    static_cast<void>(listFd.release());
+    while (const dirent* entry = readdir(folder.get())) {
+        const std::string_view entryName = entry->d_name;
+        if (entryName.size() == prefix.size() + 6 && entryName.starts_with(prefix) &&
+            std::all_of(entryName.begin() + prefix.size(), entryName.end(),
+                        [](char c) { return std::isalnum(static_cast<unsigned char>(c)); })) {
+            unlinkat(folderFd, entry->d_name, 0);
+        }
+    }
+}
+
+// Keys that a listing shows unambiguously: not empty, no control characters.
+bool isWritableKey(std::string_view key) {
+    return !key.empty() && std::none_of(key.begin(), key.end(), [](char c) {
+        return std::iscntrl(static_cast<unsigned char>(c));
+    });
+}
+
+// A real is written with a fraction or an exponent (2.0, not 2), so that it
+// reads back as a real.
+Document toJson(const PreferenceValue& value) {
     return std::visit([](const auto& alternative) { return Document(alternative); }, value);
 }
 
@@ -63,7 +172,7 @@ class TemporaryFile {
 bool replaceFile(int folderFd, const std::string& folder, const std::string& path,
                  const std::string& text, mode_t mode, std::string& error) {
     const std::string name = path.substr(path.rfind('/') + 1);
-    TemporaryFile temporary(folder + "/." + name + ".XXXXXX");
+    TemporaryFile temporary(folder + "/." + name + std::string(kTemporaryMark) + "XXXXXX");
     if (temporary.fd() < 0) {
         error = systemError("cannot create a temporary file in " + folder);
         return false;
@@ -91,7 +200,11 @@ bool replaceFile(int folderFd, const std::string& folder, const std::string& pat
 
 EditResult editPreference(const std::string& path, const std::string& key,
                           const std::optional<PreferenceValue>& value, mode_t newFileMode,
-                          std::string& error) {
+                          std::chrono::milliseconds lockTimeout, std::string& error) {
+    if (value && !isWritableKey(key)) {
+        error = "a key must not be empty or hold control characters such as a line feed";
+        return EditResult::kFailed;
+    }
     const size_t slash = path.rfind('/');
     const std::string folder = slash == std::string::npos ? "."
                                : slash == 0               ? "/"
@@ -101,28 +214,31 @@ EditResult editPreference(const std::string& path, const std::string& key,
         return EditResult::kFailed;
     }
     const platform::UniqueFd folderFd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folderFd.valid() ||
-        platform::retryOnEintr([&] { return flock(folderFd.get(), LOCK_EX); }) != 0) {
-        error = systemError("cannot lock " + folder);
+    const int lockError = folderFd.valid() ? lockFolder(folderFd.get(), lockTimeout) : errno;
+    if (lockError != 0) {
+        errno = lockError;
+        error = lockError == ETIMEDOUT
+                    ? "gave up after " + std::to_string(lockTimeout.count()) +
+                          " ms waiting for the lock on " + folder + ", held by another process"
+                    : systemError("cannot lock " + folder);
         return EditResult::kFailed;
     }
+    removeDeadEditsFiles(folderFd.get(), path.substr(slash + 1));
 
     std::string bytes;
     struct stat status {};
     const FileReadResult read = readPreferencesFile(path, bytes, status);
     Document document = Document::object();
     mode_t mode = newFileMode;
+    PreferenceMap values;
     if (read == FileReadResult::kRead) {
-        try {
-            document = Document::parse(bytes);
-        } catch (const nlohmann::json::exception& parseError) {
-            error = path + " is not valid JSON: " + parseError.what();
+        // Only what readers accept is edited; that also bounds the depth of
+        // what is built and written here.
+        if (!parsePreferences(bytes, values, error)) {
+            error = path + " " + error;
             return EditResult::kFailed;
         }
-        if (!document.is_object()) {
-            error = path + " does not hold a JSON object";
-            return EditResult::kFailed;
-        }
+        document = Document::parse(bytes);
         mode = status.st_mode & 07777;
     } else if (read != FileReadResult::kMissing) {
         error = path + " " + describeFileReadResult(read);
@@ -131,7 +247,9 @@ EditResult editPreference(const std::string& path, const std::string& key,
 
     if (value) {
         document[key] = toJson(*value);
-    } else if (document.erase(key) == 0) {
+    } else if (values.contains(key)) {
+        document.erase(key);
+    } else {
         return EditResult::kKeyAbsent;
     }
     std::string text;
@@ -139,6 +257,13 @@ EditResult editPreference(const std::string& path, const std::string& key,
         text = document.dump(4) + "\n";
     } catch (const nlohmann::json::exception&) {
         error = "keys and texts must be valid UTF-8";
+        return EditResult::kFailed;
+    }
+    // Indentation grows with the depth: a file readers would refuse is not
+    // written.
+    if (text.size() > kMaxPreferencesFileSize) {
+        error =
+            path + " would be larger than " + std::to_string(kMaxPreferencesFileSize) + " bytes";
         return EditResult::kFailed;
     }
     return replaceFile(folderFd.get(), folder, path, text, mode, error) ? EditResult::kDone

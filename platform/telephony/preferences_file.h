@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -32,24 +33,33 @@ enum class FileReadResult {
 
 enum class EditResult {
     kDone,
-    kKeyAbsent,  // a removal found nothing to remove; the file is untouched
+    kKeyAbsent,  // a removal found no preference to remove; the file is untouched
     kFailed,     // the file is untouched; `error` says why
 };
 
 // Sets `key` to `value` in the file at `path`, or removes it when `value` is
 // empty, keeping every other member (whatever its JSON type) in its order.
+// Only a preference is removed: a member that readers take as absent (null,
+// an array or an object) is not, as if it were not there. A
+// key to set must not be empty or hold control characters (a line feed would
+// make a listing ambiguous).
 //
 // The file is replaced whole or not at all: the new content goes to a
-// temporary file in the same folder, which is synced, takes the old file's
-// permission bits (`newFileMode` when there was no file) and is renamed over
-// it; then the folder is synced. The folder is created when missing. Edits
-// of one file by several processes are serialised with a lock on its folder,
-// so that none is lost. A file that cannot be read, or does not hold a JSON
-// object, is refused rather than overwritten. A process killed during an edit
-// can leave a stray ".<name>.XXXXXX" file beside the domain's file, never a
-// partial domain file.
+// temporary file ".<name>.new-XXXXXX" in the same folder, which is synced,
+// takes the old file's permission bits (`newFileMode` when there was no file)
+// and is renamed over it; then the folder is synced. The folder is created
+// when missing. Edits of one folder by several processes are serialised with a
+// lock on the folder, so that none is lost; an edit waits at most
+// `lockTimeout` for it. The wait is one blocking lock that a SIGALRM timer
+// aimed at the calling thread ends: meanwhile SIGALRM has a handler that does
+// nothing, and is unblocked in that thread. A file that cannot be read, or
+// that readers would take as empty (see preferences.h), is refused rather than
+// overwritten, and so is an edit whose file would be too large for them. A
+// process killed during an edit can leave its temporary file, never a partial
+// domain file; the next edit, holding the lock, removes it.
 [[nodiscard]] EditResult editPreference(const std::string& path, const std::string& key,
                                         const std::optional<PreferenceValue>& value,
-                                        mode_t newFileMode, std::string& error);
+                                        mode_t newFileMode, std::chrono::milliseconds lockTimeout,
+                                        std::string& error);
 
 }  // namespace lum

@@ -2,7 +2,6 @@
 
 #include <fstream>
 #include <latch>
-#include <optional>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -38,30 +37,6 @@ class ConfigTest : public ::testing::Test {
     static inline const std::string sStore =
         sFolder.file(KELProperties::kDomain + std::string(".json"));
 };
-
-TEST_F(ConfigTest, TextParsersTakeWordsInAnyCaseAndWholeNumbersInEveryBase) {
-    const struct {
-        std::string text;
-        std::optional<int32_t> value;  // nothing: not recognised; as a boolean, value != 0
-    } kCases[] = {{"TRUE", 1},        {"Yes", 1},         {"oFf", 0},
-                  {"full", 1},        {"lite", 2},        {"2", 2},
-                  {"-1", -1},         {"00", 0},          {"0x0", 0},
-                  {"010", 8},         {"0x1F", 31},       {"0X1f", 31},
-                  {"+7", 7},          {" 12", 12},        {"12 ", {}},
-                  {"1.5", {}},        {"", {}},           {"0x", {}},
-                  {"yes!", {}},       {{"1\0", 2}, {}},   {"-2147483648", INT32_MIN},
-                  {"2147483648", {}}, {"10000000000", {}}};
-    for (const auto& c : kCases) {
-        int32_t asInt = 99;
-        EXPECT_EQ(KELProperties::parseIntValue(c.text, asInt), c.value.has_value()) << c.text;
-        EXPECT_EQ(asInt, c.value.value_or(99)) << c.text;
-        for (const bool start : {false, true}) {
-            bool asBool = start;
-            EXPECT_EQ(KELProperties::parseBoolValue(c.text, asBool), c.value.has_value());
-            EXPECT_EQ(asBool, c.value ? *c.value != 0 : start) << c.text;
-        }
-    }
-}
 
 TEST_F(ConfigTest, KeysHaveTheirDefaultsAndTakeOnlyValuesOfTheirOwnTypeAndRange) {
     EXPECT_EQ(KELProperties::getHistory(), 4);

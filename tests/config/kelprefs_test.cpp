@@ -1,8 +1,10 @@
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <random>
 #include <string>
 
@@ -15,11 +17,15 @@
 namespace {
 
 using kel::testing::readFile;
+using namespace std::string_literals;
 
 class KelprefsTest : public ::testing::Test {
   protected:
-    void SetUp() override { setenv("KEL_PREFERENCES_DIR", folder_.path().c_str(), 1); }
-    void TearDown() override { unsetenv("KEL_PREFERENCES_DIR"); }
+    // The device description is missing: a carrier build that is not internal.
+    void SetUp() override {
+        setenv("KEL_PREFERENCES_DIR", folder_.path().c_str(), 1);
+        setenv("KEL_DEVICE_DESCRIPTION", folder_.file("none").c_str(), 1);
+    }
 
     struct Run {
         int status;
@@ -38,63 +44,78 @@ class KelprefsTest : public ::testing::Test {
     const std::string store_ = folder_.file(KELProperties::kDomain + std::string(".json"));
 };
 
-TEST_F(KelprefsTest, WritesReadsListsAndDeletesEveryTypeKeepingTheRest) {
-    std::ofstream(store_) << R"({"kept": [1, {"x": null}]})";
-    ASSERT_EQ(chmod(store_.c_str(), 0640), 0);
+// Each row runs on the file as the rows before left it, unless it gives one.
+// The output is the whole standard output of a success, a part of standard
+// error otherwise; a failure leaves the file as it was.
+TEST_F(KelprefsTest, CommandLines) {
+    const std::string deep = R"({"a": )" + std::string(500'000, '[') + std::string(500'000, ']');
     const struct {
-        const char* key;
-        const char* write;
-        const char* type;
-        const char* read;
-    } kCases[] = {{"a", "--string 'two  words'", "string", "two  words"},
-                  {"b", "--string ''", "string", ""},
-                  {"c", "--int -2147483648", "int", "-2147483648"},
-                  {"d", "--int 4294967295", "int", "4294967295"},
-                  {"e", "--bool false", "bool", "false"},
-                  {"f", "--real 2e-3", "real", "0.002"}};
-    std::string listing;
-    for (const auto& c : kCases) {
-        EXPECT_EQ(run(std::string("write ") + c.key + " " + c.write).status, 0) << c.write;
-        listing += std::string(c.key) + "\t" + c.type + "\t" + c.read + "\n";
+        std::optional<std::string> file;
+        std::string args;
+        int status;
+        std::string output;
+    } kRows[] = {
+        {R"({"kept": [1, {"x": null}], "n": null})", "write --bool false d", 0, ""},
+        {{}, "write f --real 2e-3", 0, ""},
+        {{}, "write g --real=2", 0, ""},
+        {{}, "write h --string \"$(printf 'x\\ty\\nz\\\\\\1')\"", 0, ""},
+        {{}, "list | tail -n 3", 0, "f\treal\t0.002\ng\treal\t2\nh\tstring\tx\\ty\\nz\\\\\\x01\n"},
+        {{}, "list --json | grep '[dg]\"'", 0, "    \"d\": false,\n    \"g\": 2.0,\n"},
+        {{}, "read h", 0, "x\ty\nz\\\1\n"},
+        {{}, "write --int=4294967295 -- -k", 0, ""},
+        {{}, "read -- -k", 0, "4294967295\n"},
+        {{}, "delete -- -k", 0, ""},
+        {{}, "delete -- -k", 1, "-k is not set"},
+        {{}, "read kept", 1, "kept is not set"},
+        {{}, "delete n", 1, "n is not set"},
+        {"{}", "write kel.enabled --string maybe", 2, "which takes true, on, yes"},
+        {{}, "write TUDebugFlags --string 12", 2, "which takes an --int from 0 to"},
+        {{}, "write BootBaseband --int 1", 2, "which takes a --bool"},
+        {{}, "write --force kel.enabled --string maybe", 0, ""},
+        {{}, "read --effective kel.enabled", 0, "true\n"},
+        {{}, "write kel.enabled --string=No", 0, ""},
+        {{}, "list --effective | head -n 2", 0, "kel.enabled\tbool\tfalse\nkel.history\tint\t4\n"},
+        {{}, "read --effective nope", 2, "nope is not a key the daemon reads"},
+        {"[1]", "read --effective BootBaseband", 0, "true\n"},
+        {{}, "--version", 0, "kelprefs " KEL_VERSION "\n"},
+        {{}, "help | head -n 1", 0, "Usage: kelprefs read [--effective] [--] KEY\n"},
+        {"{}", "", 2, "missing command"},
+        {{}, "frobnicate", 2, "unknown command 'frobnicate'"},
+        {{}, "read", 2, "wrong number of arguments for read"},
+        {{}, "read --json k", 2, "--json does not go with read"},
+        {{}, "write k --int", 2, "option '--int' needs a value"},
+        {{}, "write k --int 4294967296", 2, "is not a whole decimal number"},
+        {{}, "write k --bool yes", 2, "'yes' is not a valid bool"},
+        {{}, "write k --real inf", 2, "'inf' is not a valid real"},
+        {{}, "write k --text x", 2, "unknown type '--text'"},
+        {{}, "write k --string \"$(printf '\\377')\"", 2, "must be valid UTF-8"},
+        {{}, "write \"$(printf 'a\\nb')\" --int 1", 2, "control characters"},
+        {{}, "write '' --int 1", 2, "must not be empty"},
+        {R"({"a": 1,,)", "write a --int 2", 2, "is not valid JSON"},
+        {R"([{"a": 1}])", "list", 2, "does not hold a JSON object"},
+        {"{\"a\": 1}\0{\"b\": 2}"s, "write c --int 1", 2, "has bytes after its JSON value"},
+        {deep + "}", "write b --int 1", 2, "nested deeper than 16 levels"}};
+    ASSERT_EQ(close(creat(store_.c_str(), 0640)), 0);
+    for (const auto& row : kRows) {
+        if (row.file) {
+            std::ofstream(store_) << *row.file;
+        }
+        const std::string before = readFile(store_);
+        const Run run = this->run(row.args);
+        EXPECT_EQ(run.status, row.status) << row.args << ": " << run.err;
+        const std::string after = readFile(store_);
+        EXPECT_EQ(after.find("kept") == std::string::npos,
+                  before.find("kept") == std::string::npos);
+        if (row.status == 0) {
+            EXPECT_EQ(run.out, row.output) << row.args;
+        } else {
+            EXPECT_NE(run.err.find(row.output), std::string::npos) << row.args << ": " << run.err;
+            EXPECT_EQ(after, before) << row.args;
+        }
     }
-    for (const auto& c : kCases) {
-        EXPECT_EQ(run(std::string("read ") + c.key).out, c.read + std::string("\n"));
-    }
-    EXPECT_EQ(run("list").out, listing);
-    EXPECT_EQ(run("delete a").status, 0);
-    EXPECT_EQ(run("delete a").status, 1);
-    EXPECT_EQ(run("read a").status, 1);
     struct stat status {};
     ASSERT_EQ(stat(store_.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0640u);
-    EXPECT_NE(readFile(store_).find(R"("kept": [)"), std::string::npos);
-}
-
-TEST_F(KelprefsTest, RefusesBadCommandsAndBrokenFilesLeavingTheFileAlone) {
-    const struct {
-        std::string file;
-        std::string args;
-        std::string message;
-    } kCases[] = {{"{}", "", "missing command"},
-                  {"{}", "frobnicate", "unknown command 'frobnicate'"},
-                  {"{}", "read", "wrong number of arguments for read"},
-                  {"{}", "write k --int 1.5", "'1.5' is not a whole decimal number"},
-                  {"{}", "write k --int 4294967296", "is not a whole decimal number"},
-                  {"{}", "write k --bool yes", "'yes' is not a valid bool"},
-                  {"{}", "write k --real inf", "'inf' is not a valid real"},
-                  {"{}", "write k --text x", "unknown type '--text'"},
-                  {"{}", "write k --string \"$(printf '\\377')\"", "must be valid UTF-8"},
-                  {R"({"a": 1,,)", "write a --int 2", "is not valid JSON"},
-                  {R"({"a": 1,,)", "read a", "is not valid JSON"},
-                  {R"([{"a": 1}])", "delete a", "does not hold a JSON object"},
-                  {R"([{"a": 1}])", "list", "does not hold a JSON object"}};
-    for (const auto& c : kCases) {
-        std::ofstream(store_) << c.file;
-        const Run refused = run(c.args);
-        EXPECT_EQ(refused.status, 2) << c.args;
-        EXPECT_NE(refused.err.find(c.message), std::string::npos) << refused.err;
-        EXPECT_EQ(readFile(store_), c.file);
-    }
 }
 
 TEST_F(KelprefsTest, AWriteKilledAtAnyMomentLeavesTheOldOrTheNewFileWhole) {

@@ -17,16 +17,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         abort();
     }
     for (const auto& [key, value] : values) {
-        const double* number = std::get_if<double>(&value);
+        const double* real = std::get_if<double>(&value);
+        const int64_t* integer = std::get_if<int64_t>(&value);
+        const double number = real ? *real : integer ? static_cast<double>(*integer) : 0;
         uint32_t asUnsigned = 0;
         int32_t asInt = 0;
         bool asBool = false;
         std::string asText;
         lum::preferenceToText(value, asText);
-        if ((number != nullptr && !std::isfinite(*number)) ||
+        if ((real != nullptr && !std::isfinite(*real)) ||
             lum::preferenceToBool(value, asBool) != std::holds_alternative<bool>(value) ||
-            (lum::preferenceToUInt32(value, asUnsigned) && *number != asUnsigned) ||
-            (lum::preferenceToInt32(value, asInt) && *number != asInt) ||
+            (lum::preferenceToUInt32(value, asUnsigned) && number != asUnsigned) ||
+            (lum::preferenceToInt32(value, asInt) && number != asInt) ||
             (std::holds_alternative<std::string>(value) &&
              asText != std::get<std::string>(value))) {
             abort();

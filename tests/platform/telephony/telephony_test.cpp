@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,11 +9,17 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/posix/clock.h"
+#include "platform/posix/unique_fd.h"
 #include "platform/telephony/preferences.h"
+#include "platform/telephony/preferences_file.h"
 #include "platform/telephony/radios.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
 
 class TelephonyTest : public ::testing::Test {
   protected:
@@ -25,7 +32,7 @@ class TelephonyTest : public ::testing::Test {
     const std::string path_ = folder_.file("test.domain.json");
 };
 
-std::optional<lum::PreferenceValue> number(double value) {
+std::optional<lum::PreferenceValue> number(int64_t value) {
     return lum::PreferenceValue(value);
 }
 
@@ -47,9 +54,15 @@ TEST_F(TelephonyTest, ChangeThatKeepsSizeAndMtimeIsSeenByTheNextRead) {
 
 TEST_F(TelephonyTest, WhatIsNotAWellFormedFileReadsAsEmptyWithoutBlocking) {
     const lum::PreferencesAdapter adapter("test.domain", lum::kPreferencesScopeCurrentUser);
-    const std::string kBroken[] = {
-        "fifo",       "folder",        "",
-        R"({"k": 1)", R"([{"k": 1}])", R"({"k": 1, "pad": ")" + std::string(1 << 20, 'x') + "\"}"};
+    // Not a file, not an object, a zero byte after it, 17 levels deep, too large.
+    const std::string kBroken[] = {"fifo",
+                                   "folder",
+                                   "",
+                                   R"({"k": 1)",
+                                   R"([{"k": 1}])",
+                                   "{\"k\": 1}\0{}"s,
+                                   R"({"k": 1, "d": [[[[[[[[[[[[[[[[]]]]]]]]]]]]]]]]})",
+                                   R"({"k": 1, "pad": ")" + std::string(1 << 20, 'x') + "\"}"};
     for (const std::string& broken : kBroken) {
         if (broken == "fifo" || broken == "folder") {
             ASSERT_EQ(broken == "fifo" ? mkfifo(path_.c_str(), 0600) : mkdir(path_.c_str(), 0700),
@@ -64,6 +77,28 @@ TEST_F(TelephonyTest, WhatIsNotAWellFormedFileReadsAsEmptyWithoutBlocking) {
         std::filesystem::remove(path_);
     }
     EXPECT_EQ(lum::PreferencesAdapter("test.domain", "anyUser").copyValue("k"), std::nullopt);
+}
+
+// The first file is a dead edit's; the others are not an edit's of this file.
+TEST_F(TelephonyTest, AnEditWaitsForTheLockABoundedTimeAndThenClearsDeadEditsFiles) {
+    const std::string kFiles[] = {".test.domain.json.new-Ab12Z9", ".test.domain.json.new-Ab12Z",
+                                  ".test.domain.json.Ab12Z9", ".other.json.new-Ab12Z9"};
+    for (const std::string& name : kFiles) {
+        std::ofstream(folder_.file(name)) << "x";
+    }
+    const platform::UniqueFd holder(open(folder_.path().c_str(), O_RDONLY | O_DIRECTORY));
+    ASSERT_EQ(flock(holder.get(), LOCK_EX), 0);
+    std::string error;
+    const int64_t start = platform::nowNs();
+    EXPECT_EQ(lum::editPreference(path_, "k", 1, 0600, 200ms, error), lum::EditResult::kFailed);
+    EXPECT_GE(platform::nowNs() - start, 200 * platform::kNsPerMs);
+    EXPECT_NE(error.find("lock on " + folder_.path()), std::string::npos) << error;
+    ASSERT_EQ(flock(holder.get(), LOCK_UN), 0);
+    EXPECT_TRUE(std::filesystem::exists(folder_.file(kFiles[0])));  // maybe a live edit's
+    EXPECT_EQ(lum::editPreference(path_, "k", 1, 0600, 200ms, error), lum::EditResult::kDone);
+    for (const std::string& name : kFiles) {
+        EXPECT_EQ(std::filesystem::exists(folder_.file(name)), name != kFiles[0]) << name;
+    }
 }
 
 // Each check runs in a child of its own (a death test): the description is
