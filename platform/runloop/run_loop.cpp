@@ -1,44 +1,26 @@
 #include "platform/runloop/run_loop.h"
 
 #include <poll.h>
-#include <sys/epoll.h>
 
 #include <cmath>
 
 #include "platform/dispatch/dispatch.h"
-#include "platform/posix/unique_fd.h"
 
 namespace runloop {
 namespace {
 
-// The loop's epoll instance, watching the main queue's eventfd; -1 when it
-// could not be made.
-int loopEpollFd() {
-    static const int sFd = [] {
-        const int wakeupFd = dispatch_main_queue_wakeup_fd();
-        platform::UniqueFd epollFd(epoll_create1(EPOLL_CLOEXEC));
-        epoll_event event{};
-        event.events = EPOLLIN;
-        if (!epollFd.valid() || wakeupFd < 0 ||
-            epoll_ctl(epollFd.get(), EPOLL_CTL_ADD, wakeupFd, &event) != 0) {
-            return -1;
-        }
-        return epollFd.release();
-    }();
-    return sFd;
-}
-
 // Sleeps until the main queue has work or `timeoutMs` passes. Returns whether
-// there may be work. Without an epoll instance the loop still sleeps (and
-// drains at each slice's end) instead of spinning.
+// there may be work. A poll of the main queue's eventfd needs no descriptor of
+// its own, so the loop works however few the process may open. Without that
+// eventfd the loop still sleeps (and drains at each slice's end) instead of
+// spinning.
 bool waitForWork(int timeoutMs) {
-    const int epollFd = loopEpollFd();
-    if (epollFd < 0) {
+    pollfd wakeup{dispatch_main_queue_wakeup_fd(), POLLIN, 0};
+    if (wakeup.fd < 0) {
         poll(nullptr, 0, timeoutMs);
         return true;
     }
-    epoll_event event;
-    return epoll_wait(epollFd, &event, 1, timeoutMs) > 0;
+    return poll(&wakeup, 1, timeoutMs) > 0;
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 // The main run loop: the only place where main-queue work runs.
 //
 // One call runs the loop on the main thread for a time slice. It sleeps in the
-// kernel (epoll) until the main queue has work or the slice ends; it never
-// polls. Main-queue work counts as a handled source.
+// kernel until the main queue has work or the slice ends, and wakes for
+// nothing else. Main-queue work counts as a handled source.
 #pragma once
 
 namespace runloop {
