@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <initializer_list>
 
+#include "config/property_keys.h"
 #include "config/shared_instance.h"
 
 namespace {
@@ -96,4 +97,14 @@ std::string Capabilities::fusingStateName(RadioFusingState state) {
             return "Fused";
     }
     return "Unknown";
+}
+
+// The two settings of the device that are preferences, read as KELProperties
+// reads its own.
+bool Capabilities::getPanicOnBasebandReset() {
+    return kel::internal::boolKey(kel::internal::kPanicOnBasebandReset, false);
+}
+
+bool Capabilities::isNetworkPolicySupported() const {
+    return kel::internal::triStateKey(kel::internal::kNetworkPolicySupported, radio, {8, 10});
 }

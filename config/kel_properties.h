@@ -17,6 +17,7 @@
 #include <span>
 #include <string>
 
+#include "config/value_parsing.h"
 #include "platform/telephony/preferences.h"
 
 class Capabilities;
@@ -47,15 +48,14 @@ class KELProperties {
     static void readText(const lum::PreferencesAdapter& adapter, const std::string& key,
                          std::string& target);
 
-    // Text parsers, for the "kel." keys. The whole text, in any letter case,
-    // may be one of the words false, off, no (false or 0), true, on, yes, full
-    // (true or 1) or lite (true or 2); otherwise it must be, all of it, a
-    // number for strtol with base 0 (leading white space, a sign, 0x for
-    // hexadecimal, 0 for octal) within the signed 32-bit range. A number is
-    // true when not zero. True when recognised; the target is written only
-    // then.
-    static bool parseBoolValue(const std::string& text, bool& target);
-    static bool parseIntValue(const std::string& text, int32_t& target);
+    // The text parsers of the "kel." keys (value_parsing.h), as the reader's
+    // own operations.
+    static bool parseBoolValue(const std::string& text, bool& target) {
+        return kel::parseBoolValue(text, target);
+    }
+    static bool parseIntValue(const std::string& text, int32_t& target) {
+        return kel::parseIntValue(text, target);
+    }
 
     // How the getter of a key reads its stored value: text parsed with
     // parseBoolValue or parseIntValue (the "kel." keys), a number read with

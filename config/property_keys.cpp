@@ -2,34 +2,16 @@
 // is done with the stored value, and the list of them (keys()) through which
 // tools ask what the daemon would use. Each getter holds its own reference to
 // the shared reader for the length of the call.
+#include "config/property_keys.h"
+
 #include <algorithm>
-#include <initializer_list>
 
 #include "config/capabilities.h"
 #include "config/kel_properties.h"
 #include "platform/trace/trace.h"
 
-namespace {
+namespace kel::internal {
 
-constexpr const char* kHistory = "kel.history";
-constexpr const char* kTUDebugFlags = "TUDebugFlags";
-constexpr const char* kRFSFlushInterval = "RFSFlushInterval";
-constexpr const char* kRFSFlushTimeout = "RFSFlushTimeout";
-constexpr const char* kRFSForcedSync = "RFSForcedSync";
-constexpr const char* kBootBaseband = "BootBaseband";
-constexpr const char* kBlockBasebandResets = "BlockBasebandResets";
-constexpr const char* kLogScratchPath = "LogScratchPath";
-constexpr const char* kLogSnapshotPath = "LogSnapshotPath";
-constexpr const char* kCoreDumpOnSoftResetTimeout = "CoreDumpOnSoftResetTimeout";
-constexpr const char* kStackshotOnShutdownTimeout = "StackshotOnShutdownTimeout";
-constexpr const char* kBEDLogTimeout = "BEDLogTimeout";
-constexpr const char* kCoexSupported = "CoexSupported";
-constexpr const char* kRadioHealthSupported = "RadioHealthSupported";
-constexpr const char* kPanicOnBasebandReset = "PanicOnBasebandReset";
-constexpr const char* kNetworkPolicySupported = "NetworkPolicySupported";
-
-// The reads of the getters, each on the shared reader: the result starts at
-// `fallback` and a stored value that converts replaces it.
 uint32_t unsignedKey(const char* key, uint32_t fallback) {
     static_cast<void>(
         KELProperties::readUnsigned(KELProperties::instance()->adapter(), key, fallback));
@@ -46,8 +28,6 @@ std::string textKey(const char* key, std::string fallback) {
     return fallback;
 }
 
-// 0 is no, 1 is yes, any other setting (2, "automatic", when nothing is
-// stored) is yes exactly when `radio` is one of `automaticRadios`.
 bool triStateKey(const char* key, uint32_t radio, std::initializer_list<uint32_t> automaticRadios) {
     int32_t setting = 2;
     static_cast<void>(KELProperties::readInt(KELProperties::instance()->adapter(), key, setting));
@@ -58,7 +38,9 @@ bool triStateKey(const char* key, uint32_t radio, std::initializer_list<uint32_t
            automaticRadios.end();
 }
 
-}  // namespace
+}  // namespace kel::internal
+
+using namespace kel::internal;
 
 int32_t KELProperties::getHistory() {
     int32_t history = 4;
@@ -119,14 +101,6 @@ bool KELProperties::isCoexSupported(const Capabilities& capabilities) {
 
 bool KELProperties::isRadioHealthSupported(const Capabilities& capabilities) {
     return triStateKey(kRadioHealthSupported, capabilities.radio, {1, 2, 4, 6, 8});
-}
-
-bool Capabilities::getPanicOnBasebandReset() {
-    return boolKey(kPanicOnBasebandReset, false);
-}
-
-bool Capabilities::isNetworkPolicySupported() const {
-    return triStateKey(kNetworkPolicySupported, radio, {8, 10});
 }
 
 namespace {

@@ -1,13 +1,11 @@
-// The text parsers of the "kel." keys. Kept apart so that they can be fuzzed
-// on their own.
+#include "config/value_parsing.h"
+
 #include <strings.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-
-#include "config/kel_properties.h"
 
 namespace {
 
@@ -44,7 +42,9 @@ bool parse(const std::string& text, int32_t& value) {
 
 }  // namespace
 
-bool KELProperties::parseBoolValue(const std::string& text, bool& target) {
+namespace kel {
+
+bool parseBoolValue(const std::string& text, bool& target) {
     int32_t value = 0;
     if (!parse(text, value)) {
         return false;
@@ -53,6 +53,8 @@ bool KELProperties::parseBoolValue(const std::string& text, bool& target) {
     return true;
 }
 
-bool KELProperties::parseIntValue(const std::string& text, int32_t& target) {
+bool parseIntValue(const std::string& text, int32_t& target) {
     return parse(text, target);
 }
+
+}  // namespace kel

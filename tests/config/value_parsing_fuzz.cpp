@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "config/kel_properties.h"
+#include "config/value_parsing.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
@@ -35,8 +35,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     int32_t asInt = 12345;
     bool asBool = true;
-    if (KELProperties::parseIntValue(text, asInt) != expected.has_value() ||
-        KELProperties::parseBoolValue(text, asBool) != expected.has_value() ||
+    if (kel::parseIntValue(text, asInt) != expected.has_value() ||
+        kel::parseBoolValue(text, asBool) != expected.has_value() ||
         asInt != expected.value_or(12345) || asBool != (expected.value_or(1) != 0)) {
         abort();
     }
