@@ -46,7 +46,7 @@ std::vector<std::string> exitedCleanly(DaemonProcess& daemon, std::chrono::milli
     return texts;
 }
 
-class DaemonProcessTest : public ::testing::Test {
+class SignalsSocketsAndLimitsTest : public ::testing::Test {
   protected:
     // The runtime folder is made in advance, so that the scratch folder in it
     // can be made at start-up and the daemon keeps its log file.
@@ -71,7 +71,7 @@ enum class Stderr { kRead, kFull, kReaderGone, kClosed };
 // reported and the exit is orderly, within a bound, the socket removed; the
 // log file gets the records and nothing else, also when the daemon was
 // started with standard error closed.
-TEST_F(DaemonProcessTest, SigtermEndsItInOrderWithinABound) {
+TEST_F(SignalsSocketsAndLimitsTest, SigtermEndsItInOrderWithinABound) {
     const struct {
         const char* name;
         int runs = 1;
@@ -131,7 +131,7 @@ TEST_F(DaemonProcessTest, SigtermEndsItInOrderWithinABound) {
 // start: at every limit it either ends by itself at once, in order and with
 // status 0, or runs with both of its watches in place and ends at SIGTERM as
 // promptly as ever.
-TEST_F(DaemonProcessTest, EveryDescriptorLimitEndsInOrderOrRuns) {
+TEST_F(SignalsSocketsAndLimitsTest, EveryDescriptorLimitEndsInOrderOrRuns) {
     for (int limit = 5; limit <= 14; ++limit) {
         SCOPED_TRACE(limit);
         std::filesystem::remove_all(runtime());
@@ -173,7 +173,7 @@ TEST_F(DaemonProcessTest, EveryDescriptorLimitEndsInOrderOrRuns) {
 // the socket and, at the first connection, becomes the daemon with the
 // listening socket handed over. The daemon serves on it, and leaves it in
 // place at its exit: the manager's socket is the manager's.
-TEST_F(DaemonProcessTest, ServesOnTheSocketAServiceManagerHandsOver) {
+TEST_F(SignalsSocketsAndLimitsTest, ServesOnTheSocketAServiceManagerHandsOver) {
     const std::vector<std::string> arguments = {
         "--listen=" + socketPath(),     "--setenv=KEL_HELPER_RUNTIME_DIR",
         "--setenv=KEL_PREFERENCES_DIR", "--setenv=KEL_DEVICE_DESCRIPTION",
@@ -195,7 +195,7 @@ TEST_F(DaemonProcessTest, ServesOnTheSocketAServiceManagerHandsOver) {
 
 // A socket left by a daemon that died, which nobody accepts on, is replaced;
 // then clients come and go as fast as they can.
-TEST_F(DaemonProcessTest, ConnectionChurnHoldsNoDescriptorsOfGoneClients) {
+TEST_F(SignalsSocketsAndLimitsTest, ConnectionChurnHoldsNoDescriptorsOfGoneClients) {
     close(unixSocketAt(socketPath(), /*listening=*/true));
     DaemonProcess daemon(KEL_DAEMON, environment());
     ASSERT_TRUE(daemon.waitUntilSigtermIgnored(kQuick));
@@ -214,7 +214,7 @@ TEST_F(DaemonProcessTest, ConnectionChurnHoldsNoDescriptorsOfGoneClients) {
     EXPECT_LE(most, atRest + 2);  // the one client, and one it has just left
 }
 
-TEST_F(DaemonProcessTest, DescriptorShortageIsSaidOnceAndCostsNoCpu) {
+TEST_F(SignalsSocketsAndLimitsTest, DescriptorShortageIsSaidOnceAndCostsNoCpu) {
     DaemonProcess daemon(KEL_DAEMON, environment());
     ASSERT_TRUE(daemon.waitUntilSigtermIgnored(kQuick));
     const rlimit limit{32, 32};

@@ -88,7 +88,7 @@ struct Life {
     std::shared_ptr<ScriptedServer> server;
 };
 
-class DaemonLifeTest : public ::testing::Test {
+class LifecycleTest : public ::testing::Test {
   protected:
     // The preferences are read from a folder of the suite's, named before the
     // process's first read.
@@ -154,7 +154,7 @@ std::vector<std::string> mirrored(const std::vector<std::string>& messages) {
 // Every way through the daemon's life ends with status 0 and the server, if
 // it was started, stopped; each message reaches the system log and the log
 // server in order, and none without a log server.
-TEST_F(DaemonLifeTest, EndsInOrderOnEveryPath) {
+TEST_F(LifecycleTest, EndsInOrderOnEveryPath) {
     const struct {
         const char* name;
         Scenario scenario;
@@ -192,7 +192,7 @@ TEST_F(DaemonLifeTest, EndsInOrderOnEveryPath) {
 // ends the daemon in order after, in silence without a log server. Each case
 // runs in a child of its own: the daemons run before in this process have left
 // SIGTERM watched and ignored here.
-TEST_F(DaemonLifeTest, SigtermKillsUntilWatchedThenEndsInOrder) {
+TEST_F(LifecycleTest, SigtermKillsUntilWatchedThenEndsInOrder) {
     const auto sigterm = [] { kill(getpid(), SIGTERM); };
     if (const char* which = childArgument()) {
         signal(SIGTERM, SIG_DFL);  // as a daemon starts: neither ignored nor blocked
@@ -224,7 +224,7 @@ enum Outcome {
 // folder and the program name, glued. What another user or another daemon put
 // in its place (see the writer's own tests for every kind) is never written or
 // truncated: the daemon says why once and runs on without a file.
-TEST_F(DaemonLifeTest, KeepsItsOwnLogFileOnlyWhereItIsSafe) {
+TEST_F(LifecycleTest, KeepsItsOwnLogFileOnlyWhereItIsSafe) {
     constexpr char kLeftover[] = "an earlier run's line\n";
     const std::string log = logFile();
     platform::UniqueFd held;
