@@ -121,7 +121,7 @@ struct SyncWaiter : Work {
 class GlobalQueue final : public dispatch_queue_s {
   public:
     GlobalQueue()
-        : dispatch_queue_s(Kind::kGlobalQueue, true, "global"),
+        : dispatch_queue_s(Kind::kGlobalQueue, true),
           maxThreads_(std::max(4, 2 * static_cast<int>(std::thread::hardware_concurrency()))) {}
 
     void enqueue(Work* work) {
@@ -191,7 +191,7 @@ bool onMainThread() {
 class MainQueue final : public dispatch_queue_s {
   public:
     MainQueue()
-        : dispatch_queue_s(Kind::kMainQueue, true, "main"),
+        : dispatch_queue_s(Kind::kMainQueue, true),
           wakeupFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
     int wakeupFd() const { return wakeupFd_; }
@@ -275,9 +275,8 @@ MainQueue* mainQueue() {
 // may never come.
 class SerialQueue final : public dispatch_queue_s {
   public:
-    SerialQueue(const char* label, dispatch_queue_t target)
-        : dispatch_queue_s(Kind::kSerialQueue, false, label),
-          target_(target ? target : globalQueue()) {
+    explicit SerialQueue(dispatch_queue_t target)
+        : dispatch_queue_s(Kind::kSerialQueue, false), target_(target ? target : globalQueue()) {
         dispatch_retain(target_);
         drainWork_.queue = this;
     }
@@ -547,9 +546,9 @@ dispatch_queue_t dispatch_queue_create(const char* label, dispatch_queue_attr_t 
     return dispatch_queue_create_with_target(label, attr, nullptr);
 }
 
-dispatch_queue_t dispatch_queue_create_with_target(const char* label, dispatch_queue_attr_t,
+dispatch_queue_t dispatch_queue_create_with_target(const char*, dispatch_queue_attr_t,
                                                    dispatch_queue_t target) {
-    return new SerialQueue(label, target);
+    return new SerialQueue(target);
 }
 
 dispatch_queue_t dispatch_get_main_queue() {
@@ -558,10 +557,6 @@ dispatch_queue_t dispatch_get_main_queue() {
 
 dispatch_queue_t dispatch_get_global_queue(intptr_t, uintptr_t) {
     return globalQueue();
-}
-
-const char* dispatch_queue_get_label(dispatch_queue_t queue) {
-    return queue->label_.c_str();
 }
 
 void dispatch_sync_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {

@@ -83,7 +83,8 @@ dispatch_time_t dispatch_time(dispatch_time_t when, int64_t deltaNs);
 
 // --- Queues -------------------------------------------------------------------
 
-// A new serial queue. `label` is copied; it may be null.
+// A new serial queue. `label` names it for the reader of the calling code; it
+// may be null and is not kept.
 [[nodiscard]] dispatch_queue_t dispatch_queue_create(const char* label, dispatch_queue_attr_t attr);
 
 // A new serial queue whose work runs on `target`'s threads, serialised with the
@@ -95,9 +96,6 @@ dispatch_time_t dispatch_time(dispatch_time_t when, int64_t deltaNs);
 
 dispatch_queue_t dispatch_get_main_queue();
 dispatch_queue_t dispatch_get_global_queue(intptr_t priority, uintptr_t flags);
-
-// The label given at creation, or "" when there was none.
-const char* dispatch_queue_get_label(dispatch_queue_t queue);
 
 // Runs `work(context)` on `queue` and returns when it has run. On a serial
 // queue that is idle, the work runs on the calling thread while holding the
@@ -145,9 +143,6 @@ void dispatch_group_leave(dispatch_group_t group);
 // waits without limit, on a futex, never polling.
 long dispatch_group_wait(dispatch_group_t group, dispatch_time_t timeout);
 
-// Runs `work` on `queue` once the group is empty (at once if it already is).
-void dispatch_group_notify(dispatch_group_t group, dispatch_queue_t queue, dispatch_block_t work);
-
 // --- Sources --------------------------------------------------------------------
 
 // A new, inactive source delivering on `queue` (null: the global queue).
@@ -168,17 +163,12 @@ void dispatch_source_set_event_handler(dispatch_source_t source, dispatch_block_
 void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start, uint64_t intervalNs,
                                uint64_t leewayNs);
 
-// Events accumulated for the firing that is running: signals received or
-// timer expirations since the previous firing.
-uintptr_t dispatch_source_get_data(dispatch_source_t source);
-
 // Sources start inactive; events are delivered only after activation.
 // Activating twice is harmless.
 void dispatch_activate(dispatch_source_t source);
 
 // No handler starts after this returns. A firing already running finishes.
 void dispatch_source_cancel(dispatch_source_t source);
-bool dispatch_source_testcancel(dispatch_source_t source);
 
 // --- Hooks for the main run loop --------------------------------------------------
 

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <string>
 
 #include "platform/dispatch/dispatch.h"
 #include "platform/posix/futex.h"
@@ -24,10 +23,7 @@ struct dispatch_object_s {
 };
 
 struct dispatch_queue_s : dispatch_object_s {
-    dispatch_queue_s(Kind kind, bool immortal, const char* label)
-        : dispatch_object_s(kind, immortal), label_(label ? label : "") {}
-
-    const std::string label_;
+    using dispatch_object_s::dispatch_object_s;
 };
 
 namespace dispatch::internal {

@@ -78,12 +78,10 @@ struct dispatch_source_s : dispatch_object_s {
     std::mutex mutex_;
     platform::UniqueFd fd_;
     Handler handler_;
-    uint64_t pending_ = 0;  // events read but not yet handed to a firing
     bool activated_ = false;
     bool registered_ = false;
     bool firing_ = false;  // between an event and the end of its handler
-    std::atomic<bool> cancelled_{false};
-    std::atomic<uintptr_t> data_{0};
+    bool cancelled_ = false;
     FireWork fireWork_;
 };
 
@@ -187,23 +185,18 @@ class EventLoop {
     std::unordered_map<uint64_t, dispatch_source_s*> sources_;
 };
 
-// Reads every event the fd holds; returns how many there were.
-uint64_t readEvents(dispatch_source_s* source) {
+// Reads every event the fd holds; returns whether there was any.
+bool readEvents(dispatch_source_s* source) {
     if (source->type_ == DISPATCH_SOURCE_TYPE_TIMER) {
         uint64_t expirations = 0;
-        return read(source->fd_.get(), &expirations, sizeof expirations) == sizeof expirations
-                   ? expirations
-                   : 0;
+        return read(source->fd_.get(), &expirations, sizeof expirations) == sizeof expirations;
     }
-    uint64_t signals = 0;
+    bool any = false;
     signalfd_siginfo infos[4];
-    for (;;) {
-        const ssize_t got = read(source->fd_.get(), infos, sizeof infos);
-        if (got <= 0) {
-            return signals;
-        }
-        signals += static_cast<uint64_t>(got) / sizeof(signalfd_siginfo);
+    while (read(source->fd_.get(), infos, sizeof infos) > 0) {
+        any = true;
     }
+    return any;
 }
 
 // Closes the fd and takes the handler, for the caller to destroy once it has
@@ -223,9 +216,7 @@ void fire(dispatch_source_s* source) {
     Handler handler;
     {
         std::lock_guard lock(source->mutex_);
-        if (!source->cancelled_.load(std::memory_order_relaxed)) {
-            source->data_.store(source->pending_, std::memory_order_relaxed);
-            source->pending_ = 0;
+        if (!source->cancelled_) {
             handler = source->handler_;
         }
     }
@@ -235,7 +226,7 @@ void fire(dispatch_source_s* source) {
     Handler released;
     std::lock_guard lock(source->mutex_);
     source->firing_ = false;
-    if (source->cancelled_.load(std::memory_order_relaxed)) {
+    if (source->cancelled_) {
         released = closeLocked(source);
     } else {
         EventLoop::get()->rearm(source);
@@ -245,15 +236,13 @@ void fire(dispatch_source_s* source) {
 void EventLoop::handleEvent(dispatch_source_s* source) {
     {
         std::lock_guard lock(source->mutex_);
-        if (source->cancelled_.load(std::memory_order_relaxed)) {
+        if (source->cancelled_) {
             return;
         }
-        const uint64_t events = readEvents(source);
-        if (events == 0) {
+        if (!readEvents(source)) {
             rearm(source);
             return;
         }
-        source->pending_ += events;
         source->firing_ = true;
     }
     if (source->queue_->kind_ == dispatch_object_s::Kind::kGlobalQueue) {
@@ -317,7 +306,7 @@ dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t 
 void dispatch_source_set_event_handler(dispatch_source_t source, dispatch_block_t handler) {
     auto replacement = std::make_shared<const dispatch_block_t>(std::move(handler));
     std::lock_guard lock(source->mutex_);
-    if (!source->cancelled_.load(std::memory_order_relaxed)) {
+    if (!source->cancelled_) {
         source->handler_.swap(replacement);
     }
 }
@@ -344,17 +333,13 @@ void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start, 
     }
 }
 
-uintptr_t dispatch_source_get_data(dispatch_source_t source) {
-    return source->data_.load(std::memory_order_relaxed);
-}
-
 void dispatch_activate(dispatch_source_t source) {
     // Start the event thread first: nothing slow may happen once a signal is
     // blocked (see below).
     EventLoop* loop = EventLoop::get();
     {
         std::lock_guard lock(source->mutex_);
-        if (!loop || source->activated_ || source->cancelled_.load(std::memory_order_relaxed)) {
+        if (!loop || source->activated_ || source->cancelled_) {
             return;
         }
         source->activated_ = true;
@@ -381,10 +366,10 @@ void dispatch_source_cancel(dispatch_source_t source) {
     bool registered;
     {
         std::lock_guard lock(source->mutex_);
-        if (source->cancelled_.load(std::memory_order_relaxed)) {
+        if (source->cancelled_) {
             return;
         }
-        source->cancelled_.store(true, std::memory_order_relaxed);
+        source->cancelled_ = true;
         registered = source->registered_;
         if (!source->firing_) {
             released = closeLocked(source);
@@ -394,8 +379,4 @@ void dispatch_source_cancel(dispatch_source_t source) {
     if (registered) {
         EventLoop::get()->unregister(source);
     }
-}
-
-bool dispatch_source_testcancel(dispatch_source_t source) {
-    return source->cancelled_.load(std::memory_order_relaxed);
 }
