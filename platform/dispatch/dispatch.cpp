@@ -296,6 +296,24 @@ class SerialQueue final : public dispatch_queue_s {
         }
     }
 
+    // Runs the work inline if the queue is idle and targets the global queue,
+    // which runs work on any thread; returns false, having done nothing,
+    // otherwise.
+    bool runIfIdle(void* context, dispatch_function_t function) {
+        uint32_t expected = 0;
+        if (target_->kind_ != Kind::kGlobalQueue ||
+            !state_.compare_exchange_strong(expected, kOwned, std::memory_order_acquire,
+                                            std::memory_order_relaxed)) {
+            return false;
+        }
+        // Declared first, so released last: the work may drop the caller's
+        // reference, and giving up exclusivity still touches the queue.
+        const auto alive = dispatch::Owned<dispatch_queue_t>::retain(this);
+        Exclusivity held(this);
+        function(context);
+        return true;
+    }
+
     void enqueue(Work* work) {
         uint32_t previous;
         {
@@ -592,6 +610,14 @@ void dispatch_async_and_wait_f(dispatch_queue_t queue, void* context, dispatch_f
 // barrier semantics: a barrier is ordinary asynchronous work on both.
 void dispatch_barrier_async_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
     dispatch_async_f(queue, context, work);
+}
+
+void dispatch_barrier_inline_or_async_f(dispatch_queue_t queue, void* context,
+                                        dispatch_function_t work) {
+    if (queue->kind_ != dispatch_object_s::Kind::kSerialQueue ||
+        !static_cast<SerialQueue*>(queue)->runIfIdle(context, work)) {
+        dispatch_barrier_async_f(queue, context, work);
+    }
 }
 
 void dispatch_async(dispatch_queue_t queue, dispatch_block_t work) {

@@ -115,6 +115,16 @@ void dispatch_async_and_wait_f(dispatch_queue_t queue, void* context, dispatch_f
 // a barrier is ordinary work: it runs after everything enqueued before it.
 void dispatch_barrier_async_f(dispatch_queue_t queue, void* context, dispatch_function_t work);
 
+// Runs `work(context)` as a barrier without ever waiting for other work. On an
+// idle serial queue that targets the global queue, it runs at once on the
+// calling thread, holding the queue's exclusivity as dispatch_sync does, and
+// the call returns when it has run; otherwise it is enqueued as by
+// dispatch_barrier_async_f and the call returns at once. Either way it runs
+// after everything enqueued before it and alone on the queue, and the queue
+// stays alive while it runs, so it may give back the last reference to it.
+void dispatch_barrier_inline_or_async_f(dispatch_queue_t queue, void* context,
+                                        dispatch_function_t work);
+
 // Block forms. The synchronous ones take the callable by reference and never
 // copy or allocate; dispatch_async copies the block onto the heap.
 template <typename F>
