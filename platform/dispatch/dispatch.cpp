@@ -1,5 +1,6 @@
 #include "platform/dispatch/dispatch.h"
 
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <time.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include "platform/posix/clock.h"
 #include "platform/posix/futex.h"
 #include "platform/posix/thread.h"
+#include "platform/posix/unique_fd.h"
 
 using dispatch::internal::Work;
 using dispatch::internal::WorkList;
@@ -187,26 +189,41 @@ bool onMainThread() {
 
 // The main queue: work waits in a list until the main run loop drains it. An
 // eventfd is readable exactly while the list is non-empty (both change under
-// the same lock), which is what the run loop sleeps on.
+// the same lock). The run loop sleeps on an epoll instance that holds the
+// eventfd and the fds of the main queue's sources; each drain first turns the
+// sources' events into firings in the list.
 class MainQueue final : public dispatch_queue_s {
   public:
     MainQueue()
         : dispatch_queue_s(Kind::kMainQueue, true),
-          wakeupFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+          eventFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+          pollFd_(epoll_create1(EPOLL_CLOEXEC)) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u64 = dispatch::internal::kMainQueueWakeupId;
+        if (!eventFd_.valid() ||
+            epoll_ctl(pollFd_.get(), EPOLL_CTL_ADD, eventFd_.get(), &event) != 0) {
+            pollFd_.reset();
+        }
+    }
 
-    int wakeupFd() const { return wakeupFd_; }
+    int pollFd() const { return pollFd_.get(); }
+    int wakeupFd() const { return pollFd_.valid() ? pollFd_.get() : eventFd_.get(); }
 
     void enqueue(Work* work) {
         std::lock_guard lock(mutex_);
         const bool wasEmpty = items_.empty();
         items_.push(work);
-        if (wasEmpty && wakeupFd_ >= 0) {
+        if (wasEmpty && eventFd_.valid()) {
             const uint64_t one = 1;
-            (void)!write(wakeupFd_, &one, sizeof one);
+            (void)!write(eventFd_.get(), &one, sizeof one);
         }
     }
 
     int drain() {
+        if (pollFd_.valid()) {
+            dispatch::internal::queueMainQueueSourceFirings(pollFd_.get());
+        }
         WorkList batch;
         {
             std::lock_guard lock(mutex_);
@@ -215,7 +232,7 @@ class MainQueue final : public dispatch_queue_s {
             }
             batch = items_.take();
             uint64_t count;
-            (void)!read(wakeupFd_, &count, sizeof count);
+            (void)!read(eventFd_.get(), &count, sizeof count);
         }
         int ran = 0;
         while (Work* work = batch.pop()) {
@@ -226,7 +243,8 @@ class MainQueue final : public dispatch_queue_s {
     }
 
   private:
-    const int wakeupFd_;
+    const platform::UniqueFd eventFd_;
+    platform::UniqueFd pollFd_;
     std::mutex mutex_;
     WorkList items_;
 };
@@ -235,6 +253,14 @@ MainQueue* mainQueue() {
     static MainQueue* const sQueue = new MainQueue;
     return sQueue;
 }
+
+}  // namespace
+
+int dispatch::internal::mainQueuePollFd() {
+    return mainQueue()->pollFd();
+}
+
+namespace {
 
 // A serial queue.
 //

@@ -182,11 +182,13 @@ void dispatch_source_cancel(dispatch_source_t source);
 
 // --- Hooks for the main run loop --------------------------------------------------
 
-// A file descriptor that polls readable while the main queue has work queued.
+// A file descriptor that polls readable while the main queue has work queued
+// or one of its sources has an event waiting.
 int dispatch_main_queue_wakeup_fd();
 
-// Runs the main-queue work queued at the moment of the call (not work that it
-// enqueues in turn) on the calling thread, which must be the main thread.
+// Runs the main-queue work queued at the moment of the call, with the firings
+// of the main queue's sources whose events have arrived (not work that it
+// enqueues in turn), on the calling thread, which must be the main thread.
 // Returns how many items ran.
 int dispatch_main_queue_drain();
 

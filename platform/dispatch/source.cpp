@@ -1,11 +1,13 @@
 // Signal and timer sources.
 //
-// Every armed source is a signalfd or timerfd registered with one epoll
-// instance, watched by a single event thread that the first activation starts.
-// Each fd is registered EPOLLONESHOT and re-armed only when its firing has
-// finished, which is what keeps a source's handler to one firing at a time.
-// The registration holds a reference: an activated source lives until it is
-// cancelled, whoever else lets go of it.
+// Every armed source is a signalfd or timerfd registered with an epoll
+// instance: the one of a single event thread that the first source starts, or,
+// for sources on the main queue, the one behind the main queue's wake-up fd,
+// so that their events wake the main run loop directly instead of costing a
+// second thread's wake-up first. Each fd is registered EPOLLONESHOT and
+// re-armed only when its firing has finished, which is what keeps a source's
+// handler to one firing at a time. The registration holds a reference: an
+// activated source lives until it is cancelled, whoever else lets go of it.
 //
 // Handlers for the global queue run inline on the event thread; handlers for
 // any other queue are posted to it. The trade-off: a timer firing for the
@@ -53,11 +55,12 @@ const dispatch_source_type_t DISPATCH_SOURCE_TYPE_TIMER = &kTimerType;
 
 struct dispatch_source_s : dispatch_object_s {
     dispatch_source_s(dispatch_source_type_t type, int signalNumber, platform::UniqueFd fd,
-                      dispatch_queue_t queue, uint64_t id)
+                      dispatch_queue_t queue, int pollFd, uint64_t id)
         : dispatch_object_s(Kind::kSource, false),
           type_(type),
           signalNumber_(signalNumber),
           queue_(queue),
+          pollFd_(pollFd),
           id_(id),
           fd_(std::move(fd)) {
         dispatch_retain(queue_);
@@ -73,7 +76,8 @@ struct dispatch_source_s : dispatch_object_s {
     const dispatch_source_type_t type_;
     const int signalNumber_;
     const dispatch_queue_t queue_;
-    const uint64_t id_;  // the key under which the event thread finds it
+    const int pollFd_;   // the epoll instance that watches fd_
+    const uint64_t id_;  // the key under which an event finds it
 
     std::mutex mutex_;
     platform::UniqueFd fd_;
@@ -122,19 +126,21 @@ class EventLoop {
             sources_.emplace(source->id_, source);
         }
         epoll_event event = makeEvent(source);
-        if (epoll_ctl(epollFd_.get(), EPOLL_CTL_ADD, source->fd_.get(), &event) == 0) {
+        if (epoll_ctl(source->pollFd_, EPOLL_CTL_ADD, source->fd_.get(), &event) == 0) {
             return true;
         }
         unregister(source);
         return false;
     }
 
-    void rearm(dispatch_source_s* source) {
+    static void rearm(dispatch_source_s* source) {
         epoll_event event = makeEvent(source);
-        epoll_ctl(epollFd_.get(), EPOLL_CTL_MOD, source->fd_.get(), &event);
+        epoll_ctl(source->pollFd_, EPOLL_CTL_MOD, source->fd_.get(), &event);
     }
 
-    void remove(int fd) { epoll_ctl(epollFd_.get(), EPOLL_CTL_DEL, fd, nullptr); }
+    static void remove(dispatch_source_s* source) {
+        epoll_ctl(source->pollFd_, EPOLL_CTL_DEL, source->fd_.get(), nullptr);
+    }
 
     void unregister(dispatch_source_s* source) {
         {
@@ -142,6 +148,30 @@ class EventLoop {
             sources_.erase(source->id_);
         }
         dispatch_release(source);
+    }
+
+    // The epoll instance for a source delivering on `queue`.
+    int pollFdFor(dispatch_queue_t queue) const {
+        const int mainPollFd =
+            queue == dispatch_get_main_queue() ? dispatch::internal::mainQueuePollFd() : -1;
+        return mainPollFd >= 0 ? mainPollFd : epollFd_.get();
+    }
+
+    // Handles an event for the source registered under `id`, if it still is.
+    void deliver(uint64_t id) {
+        dispatch_source_s* source = nullptr;
+        {
+            std::lock_guard lock(mutex_);
+            auto found = sources_.find(id);
+            if (found != sources_.end()) {
+                source = found->second;
+                dispatch_retain(source);
+            }
+        }
+        if (source) {
+            handleEvent(source);
+            dispatch_release(source);
+        }
     }
 
   private:
@@ -159,21 +189,7 @@ class EventLoop {
         for (;;) {
             const int count = epoll_wait(epollFd_.get(), events, 8, -1);
             for (int i = 0; i < count; ++i) {
-                // epoll_event is packed: copy the id out before binding to it.
-                const uint64_t id = events[i].data.u64;
-                dispatch_source_s* source = nullptr;
-                {
-                    std::lock_guard lock(mutex_);
-                    auto found = sources_.find(id);
-                    if (found != sources_.end()) {
-                        source = found->second;
-                        dispatch_retain(source);
-                    }
-                }
-                if (source) {
-                    handleEvent(source);
-                    dispatch_release(source);
-                }
+                deliver(events[i].data.u64);
             }
         }
     }
@@ -205,7 +221,7 @@ bool readEvents(dispatch_source_s* source) {
 Handler closeLocked(dispatch_source_s* source) {
     if (source->fd_.valid()) {
         if (source->registered_) {
-            EventLoop::get()->remove(source->fd_.get());
+            EventLoop::remove(source);
         }
         source->fd_.reset();
     }
@@ -229,7 +245,7 @@ void fire(dispatch_source_s* source) {
     if (source->cancelled_) {
         released = closeLocked(source);
     } else {
-        EventLoop::get()->rearm(source);
+        EventLoop::rearm(source);
     }
 }
 
@@ -261,6 +277,18 @@ dispatch_source_s::FireWork::FireWork() {
         fire(source);
         dispatch_release(source);
     };
+}
+
+void dispatch::internal::queueMainQueueSourceFirings(int pollFd) {
+    epoll_event events[8];
+    const int count = epoll_wait(pollFd, events, 8, 0);
+    for (int i = 0; i < count; ++i) {
+        // epoll_event is packed: copy the id out before using it.
+        const uint64_t id = events[i].data.u64;
+        if (id != kMainQueueWakeupId) {
+            EventLoop::get()->deliver(id);
+        }
+    }
 }
 
 dispatch_object_t dispatch_object_of(dispatch_source_t source) {
@@ -298,8 +326,11 @@ dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t 
         }
         return nullptr;
     }
-    return new dispatch_source_s(type, signalNumber, std::move(fd),
-                                 queue ? queue : dispatch_get_global_queue(0, 0),
+    if (queue == nullptr) {
+        queue = dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0);
+    }
+    return new dispatch_source_s(type, signalNumber, std::move(fd), queue,
+                                 EventLoop::get()->pollFdFor(queue),
                                  sNextId.fetch_add(1, std::memory_order_relaxed));
 }
 
