@@ -383,9 +383,9 @@ void dispatch_activate(dispatch_source_t source) {
     // action; from here on it stays pending until the signalfd reads it, even
     // once its disposition is set to ignore. One window is left, and it
     // belongs to the caller: setting the disposition to ignore discards an
-    // instance that is pending at that moment and that the event thread has
-    // not read yet. Returning right after blocking keeps that window to the
-    // caller's next statement.
+    // instance that is pending at that moment and has not been read yet.
+    // Returning right after blocking keeps that window to the caller's next
+    // statement.
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, source->signalNumber_);
