@@ -7,8 +7,11 @@
 //    target queue an idle queue runs the closure inline on the caller's
 //    thread; with a target it always runs on one of the target's threads.
 //  - Objects owned through make_shared_ptr are destroyed on their own queue,
-//    after the work queued before the last reference went away. Whoever drops
-//    that reference does not wait for the destruction.
+//    after the work queued before the last reference went away and never
+//    alongside other work there. Whoever drops that reference never waits for
+//    other work: without a target queue, an idle queue runs the destruction at
+//    once on the dropping thread (as execute_sync would); a busy queue, or one
+//    with a target, runs it later on one of its own threads.
 //
 //   class Journal : public lum::SharedSynchronizable<Journal> { ... };
 //   std::shared_ptr<Journal> journal = Journal::make_shared_ptr(new Journal(...));
@@ -73,13 +76,19 @@ class SharedSynchronizable : public std::enable_shared_from_this<T> {
     dispatch_queue_t targetQueue_;
 
   private:
-    // Runs on whichever thread drops the last strong reference. The work item
-    // keeps the queue alive while it runs, so the destructor may give back the
-    // object's own reference to that queue.
+    // Runs on whichever thread drops the last strong reference. Destruction on
+    // an idle queue needs no other thread; starting one would cost a wake-up
+    // or a thread start on every teardown. The work item keeps the queue alive
+    // while it runs, so the destructor may give back the object's own
+    // reference to that queue.
     static void destroyOnOwnQueue(T* object) {
-        dispatch_queue_t queue = static_cast<SharedSynchronizable*>(object)->queue_;
-        dispatch_barrier_async_f(queue, object,
-                                 [](void* context) { delete static_cast<T*>(context); });
+        const auto* base = static_cast<SharedSynchronizable*>(object);
+        const dispatch_function_t destroy = [](void* context) { delete static_cast<T*>(context); };
+        if (base->targetQueue_ != nullptr) {
+            dispatch_barrier_async_f(base->queue_, object, destroy);
+        } else {
+            dispatch_barrier_inline_or_async_f(base->queue_, object, destroy);
+        }
     }
 };
 

@@ -1,5 +1,6 @@
 #include "platform/dispatch/dispatch.h"
 
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <time.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include "platform/posix/clock.h"
 #include "platform/posix/futex.h"
 #include "platform/posix/thread.h"
+#include "platform/posix/unique_fd.h"
 
 using dispatch::internal::Work;
 using dispatch::internal::WorkList;
@@ -121,7 +123,7 @@ struct SyncWaiter : Work {
 class GlobalQueue final : public dispatch_queue_s {
   public:
     GlobalQueue()
-        : dispatch_queue_s(Kind::kGlobalQueue, true, "global"),
+        : dispatch_queue_s(Kind::kGlobalQueue, true),
           maxThreads_(std::max(4, 2 * static_cast<int>(std::thread::hardware_concurrency()))) {}
 
     void enqueue(Work* work) {
@@ -187,26 +189,41 @@ bool onMainThread() {
 
 // The main queue: work waits in a list until the main run loop drains it. An
 // eventfd is readable exactly while the list is non-empty (both change under
-// the same lock), which is what the run loop sleeps on.
+// the same lock). The run loop sleeps on an epoll instance that holds the
+// eventfd and the fds of the main queue's sources; each drain first turns the
+// sources' events into firings in the list.
 class MainQueue final : public dispatch_queue_s {
   public:
     MainQueue()
-        : dispatch_queue_s(Kind::kMainQueue, true, "main"),
-          wakeupFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+        : dispatch_queue_s(Kind::kMainQueue, true),
+          eventFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+          pollFd_(epoll_create1(EPOLL_CLOEXEC)) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u64 = dispatch::internal::kMainQueueWakeupId;
+        if (!eventFd_.valid() ||
+            epoll_ctl(pollFd_.get(), EPOLL_CTL_ADD, eventFd_.get(), &event) != 0) {
+            pollFd_.reset();
+        }
+    }
 
-    int wakeupFd() const { return wakeupFd_; }
+    int pollFd() const { return pollFd_.get(); }
+    int wakeupFd() const { return pollFd_.valid() ? pollFd_.get() : eventFd_.get(); }
 
     void enqueue(Work* work) {
         std::lock_guard lock(mutex_);
         const bool wasEmpty = items_.empty();
         items_.push(work);
-        if (wasEmpty && wakeupFd_ >= 0) {
+        if (wasEmpty && eventFd_.valid()) {
             const uint64_t one = 1;
-            (void)!write(wakeupFd_, &one, sizeof one);
+            (void)!write(eventFd_.get(), &one, sizeof one);
         }
     }
 
     int drain() {
+        if (pollFd_.valid()) {
+            dispatch::internal::queueMainQueueSourceFirings(pollFd_.get());
+        }
         WorkList batch;
         {
             std::lock_guard lock(mutex_);
@@ -215,7 +232,7 @@ class MainQueue final : public dispatch_queue_s {
             }
             batch = items_.take();
             uint64_t count;
-            (void)!read(wakeupFd_, &count, sizeof count);
+            (void)!read(eventFd_.get(), &count, sizeof count);
         }
         int ran = 0;
         while (Work* work = batch.pop()) {
@@ -226,7 +243,8 @@ class MainQueue final : public dispatch_queue_s {
     }
 
   private:
-    const int wakeupFd_;
+    const platform::UniqueFd eventFd_;
+    platform::UniqueFd pollFd_;
     std::mutex mutex_;
     WorkList items_;
 };
@@ -235,6 +253,14 @@ MainQueue* mainQueue() {
     static MainQueue* const sQueue = new MainQueue;
     return sQueue;
 }
+
+}  // namespace
+
+int dispatch::internal::mainQueuePollFd() {
+    return mainQueue()->pollFd();
+}
+
+namespace {
 
 // A serial queue.
 //
@@ -275,9 +301,8 @@ MainQueue* mainQueue() {
 // may never come.
 class SerialQueue final : public dispatch_queue_s {
   public:
-    SerialQueue(const char* label, dispatch_queue_t target)
-        : dispatch_queue_s(Kind::kSerialQueue, false, label),
-          target_(target ? target : globalQueue()) {
+    explicit SerialQueue(dispatch_queue_t target)
+        : dispatch_queue_s(Kind::kSerialQueue, false), target_(target ? target : globalQueue()) {
         dispatch_retain(target_);
         drainWork_.queue = this;
     }
@@ -295,6 +320,24 @@ class SerialQueue final : public dispatch_queue_s {
         } else {
             dispatch_sync_f(target_, context, function);
         }
+    }
+
+    // Runs the work inline if the queue is idle and targets the global queue,
+    // which runs work on any thread; returns false, having done nothing,
+    // otherwise.
+    bool runIfIdle(void* context, dispatch_function_t function) {
+        uint32_t expected = 0;
+        if (target_->kind_ != Kind::kGlobalQueue ||
+            !state_.compare_exchange_strong(expected, kOwned, std::memory_order_acquire,
+                                            std::memory_order_relaxed)) {
+            return false;
+        }
+        // Declared first, so released last: the work may drop the caller's
+        // reference, and giving up exclusivity still touches the queue.
+        const auto alive = dispatch::Owned<dispatch_queue_t>::retain(this);
+        Exclusivity held(this);
+        function(context);
+        return true;
     }
 
     void enqueue(Work* work) {
@@ -547,9 +590,9 @@ dispatch_queue_t dispatch_queue_create(const char* label, dispatch_queue_attr_t 
     return dispatch_queue_create_with_target(label, attr, nullptr);
 }
 
-dispatch_queue_t dispatch_queue_create_with_target(const char* label, dispatch_queue_attr_t,
+dispatch_queue_t dispatch_queue_create_with_target(const char*, dispatch_queue_attr_t,
                                                    dispatch_queue_t target) {
-    return new SerialQueue(label, target);
+    return new SerialQueue(target);
 }
 
 dispatch_queue_t dispatch_get_main_queue() {
@@ -558,10 +601,6 @@ dispatch_queue_t dispatch_get_main_queue() {
 
 dispatch_queue_t dispatch_get_global_queue(intptr_t, uintptr_t) {
     return globalQueue();
-}
-
-const char* dispatch_queue_get_label(dispatch_queue_t queue) {
-    return queue->label_.c_str();
 }
 
 void dispatch_sync_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
@@ -597,6 +636,14 @@ void dispatch_async_and_wait_f(dispatch_queue_t queue, void* context, dispatch_f
 // barrier semantics: a barrier is ordinary asynchronous work on both.
 void dispatch_barrier_async_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
     dispatch_async_f(queue, context, work);
+}
+
+void dispatch_barrier_inline_or_async_f(dispatch_queue_t queue, void* context,
+                                        dispatch_function_t work) {
+    if (queue->kind_ != dispatch_object_s::Kind::kSerialQueue ||
+        !static_cast<SerialQueue*>(queue)->runIfIdle(context, work)) {
+        dispatch_barrier_async_f(queue, context, work);
+    }
 }
 
 void dispatch_async(dispatch_queue_t queue, dispatch_block_t work) {

@@ -83,7 +83,8 @@ dispatch_time_t dispatch_time(dispatch_time_t when, int64_t deltaNs);
 
 // --- Queues -------------------------------------------------------------------
 
-// A new serial queue. `label` is copied; it may be null.
+// A new serial queue. `label` names it for the reader of the calling code; it
+// may be null and is not kept.
 [[nodiscard]] dispatch_queue_t dispatch_queue_create(const char* label, dispatch_queue_attr_t attr);
 
 // A new serial queue whose work runs on `target`'s threads, serialised with the
@@ -95,9 +96,6 @@ dispatch_time_t dispatch_time(dispatch_time_t when, int64_t deltaNs);
 
 dispatch_queue_t dispatch_get_main_queue();
 dispatch_queue_t dispatch_get_global_queue(intptr_t priority, uintptr_t flags);
-
-// The label given at creation, or "" when there was none.
-const char* dispatch_queue_get_label(dispatch_queue_t queue);
 
 // Runs `work(context)` on `queue` and returns when it has run. On a serial
 // queue that is idle, the work runs on the calling thread while holding the
@@ -116,6 +114,16 @@ void dispatch_async_and_wait_f(dispatch_queue_t queue, void* context, dispatch_f
 // Enqueues `work(context)` as a barrier and returns at once. On a serial queue
 // a barrier is ordinary work: it runs after everything enqueued before it.
 void dispatch_barrier_async_f(dispatch_queue_t queue, void* context, dispatch_function_t work);
+
+// Runs `work(context)` as a barrier without ever waiting for other work. On an
+// idle serial queue that targets the global queue, it runs at once on the
+// calling thread, holding the queue's exclusivity as dispatch_sync does, and
+// the call returns when it has run; otherwise it is enqueued as by
+// dispatch_barrier_async_f and the call returns at once. Either way it runs
+// after everything enqueued before it and alone on the queue, and the queue
+// stays alive while it runs, so it may give back the last reference to it.
+void dispatch_barrier_inline_or_async_f(dispatch_queue_t queue, void* context,
+                                        dispatch_function_t work);
 
 // Block forms. The synchronous ones take the callable by reference and never
 // copy or allocate; dispatch_async copies the block onto the heap.
@@ -145,9 +153,6 @@ void dispatch_group_leave(dispatch_group_t group);
 // waits without limit, on a futex, never polling.
 long dispatch_group_wait(dispatch_group_t group, dispatch_time_t timeout);
 
-// Runs `work` on `queue` once the group is empty (at once if it already is).
-void dispatch_group_notify(dispatch_group_t group, dispatch_queue_t queue, dispatch_block_t work);
-
 // --- Sources --------------------------------------------------------------------
 
 // A new, inactive source delivering on `queue` (null: the global queue).
@@ -168,25 +173,22 @@ void dispatch_source_set_event_handler(dispatch_source_t source, dispatch_block_
 void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start, uint64_t intervalNs,
                                uint64_t leewayNs);
 
-// Events accumulated for the firing that is running: signals received or
-// timer expirations since the previous firing.
-uintptr_t dispatch_source_get_data(dispatch_source_t source);
-
 // Sources start inactive; events are delivered only after activation.
 // Activating twice is harmless.
 void dispatch_activate(dispatch_source_t source);
 
 // No handler starts after this returns. A firing already running finishes.
 void dispatch_source_cancel(dispatch_source_t source);
-bool dispatch_source_testcancel(dispatch_source_t source);
 
 // --- Hooks for the main run loop --------------------------------------------------
 
-// A file descriptor that polls readable while the main queue has work queued.
+// A file descriptor that polls readable while the main queue has work queued
+// or one of its sources has an event waiting.
 int dispatch_main_queue_wakeup_fd();
 
-// Runs the main-queue work queued at the moment of the call (not work that it
-// enqueues in turn) on the calling thread, which must be the main thread.
+// Runs the main-queue work queued at the moment of the call, with the firings
+// of the main queue's sources whose events have arrived (not work that it
+// enqueues in turn), on the calling thread, which must be the main thread.
 // Returns how many items ran.
 int dispatch_main_queue_drain();
 

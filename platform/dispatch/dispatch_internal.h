@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <string>
 
 #include "platform/dispatch/dispatch.h"
 #include "platform/posix/futex.h"
@@ -24,10 +23,7 @@ struct dispatch_object_s {
 };
 
 struct dispatch_queue_s : dispatch_object_s {
-    dispatch_queue_s(Kind kind, bool immortal, const char* label)
-        : dispatch_object_s(kind, immortal), label_(label ? label : "") {}
-
-    const std::string label_;
+    using dispatch_object_s::dispatch_object_s;
 };
 
 namespace dispatch::internal {
@@ -60,6 +56,17 @@ class WorkList {
 
 // Adds `work` to `queue` (any kind) as asynchronous work.
 void enqueue(dispatch_queue_t queue, Work* work);
+
+// The epoll instance behind the main queue's wake-up fd, or -1 when there is
+// none (sources on the main queue are then watched by the event thread). It
+// holds the main queue's eventfd under kMainQueueWakeupId and the fds of the
+// main queue's sources under their ids.
+int mainQueuePollFd();
+inline constexpr uint64_t kMainQueueWakeupId = 0;  // source ids start at 1
+
+// Turns the events that have arrived on `pollFd` for main-queue sources into
+// firings queued on the main queue. The main queue's drain calls it first.
+void queueMainQueueSourceFirings(int pollFd);
 
 // Waits on futexes take DISPATCH_TIME_FOREVER as "no deadline".
 static_assert(DISPATCH_TIME_FOREVER == platform::kNoDeadline);

@@ -1,11 +1,13 @@
 // Signal and timer sources.
 //
-// Every armed source is a signalfd or timerfd registered with one epoll
-// instance, watched by a single event thread that the first activation starts.
-// Each fd is registered EPOLLONESHOT and re-armed only when its firing has
-// finished, which is what keeps a source's handler to one firing at a time.
-// The registration holds a reference: an activated source lives until it is
-// cancelled, whoever else lets go of it.
+// Every armed source is a signalfd or timerfd registered with an epoll
+// instance: the one of a single event thread that the first source starts, or,
+// for sources on the main queue, the one behind the main queue's wake-up fd,
+// so that their events wake the main run loop directly instead of costing a
+// second thread's wake-up first. Each fd is registered EPOLLONESHOT and
+// re-armed only when its firing has finished, which is what keeps a source's
+// handler to one firing at a time. The registration holds a reference: an
+// activated source lives until it is cancelled, whoever else lets go of it.
 //
 // Handlers for the global queue run inline on the event thread; handlers for
 // any other queue are posted to it. The trade-off: a timer firing for the
@@ -53,11 +55,12 @@ const dispatch_source_type_t DISPATCH_SOURCE_TYPE_TIMER = &kTimerType;
 
 struct dispatch_source_s : dispatch_object_s {
     dispatch_source_s(dispatch_source_type_t type, int signalNumber, platform::UniqueFd fd,
-                      dispatch_queue_t queue, uint64_t id)
+                      dispatch_queue_t queue, int pollFd, uint64_t id)
         : dispatch_object_s(Kind::kSource, false),
           type_(type),
           signalNumber_(signalNumber),
           queue_(queue),
+          pollFd_(pollFd),
           id_(id),
           fd_(std::move(fd)) {
         dispatch_retain(queue_);
@@ -73,17 +76,16 @@ struct dispatch_source_s : dispatch_object_s {
     const dispatch_source_type_t type_;
     const int signalNumber_;
     const dispatch_queue_t queue_;
-    const uint64_t id_;  // the key under which the event thread finds it
+    const int pollFd_;   // the epoll instance that watches fd_
+    const uint64_t id_;  // the key under which an event finds it
 
     std::mutex mutex_;
     platform::UniqueFd fd_;
     Handler handler_;
-    uint64_t pending_ = 0;  // events read but not yet handed to a firing
     bool activated_ = false;
     bool registered_ = false;
     bool firing_ = false;  // between an event and the end of its handler
-    std::atomic<bool> cancelled_{false};
-    std::atomic<uintptr_t> data_{0};
+    bool cancelled_ = false;
     FireWork fireWork_;
 };
 
@@ -124,19 +126,21 @@ class EventLoop {
             sources_.emplace(source->id_, source);
         }
         epoll_event event = makeEvent(source);
-        if (epoll_ctl(epollFd_.get(), EPOLL_CTL_ADD, source->fd_.get(), &event) == 0) {
+        if (epoll_ctl(source->pollFd_, EPOLL_CTL_ADD, source->fd_.get(), &event) == 0) {
             return true;
         }
         unregister(source);
         return false;
     }
 
-    void rearm(dispatch_source_s* source) {
+    static void rearm(dispatch_source_s* source) {
         epoll_event event = makeEvent(source);
-        epoll_ctl(epollFd_.get(), EPOLL_CTL_MOD, source->fd_.get(), &event);
+        epoll_ctl(source->pollFd_, EPOLL_CTL_MOD, source->fd_.get(), &event);
     }
 
-    void remove(int fd) { epoll_ctl(epollFd_.get(), EPOLL_CTL_DEL, fd, nullptr); }
+    static void remove(dispatch_source_s* source) {
+        epoll_ctl(source->pollFd_, EPOLL_CTL_DEL, source->fd_.get(), nullptr);
+    }
 
     void unregister(dispatch_source_s* source) {
         {
@@ -144,6 +148,30 @@ class EventLoop {
             sources_.erase(source->id_);
         }
         dispatch_release(source);
+    }
+
+    // The epoll instance for a source delivering on `queue`.
+    int pollFdFor(dispatch_queue_t queue) const {
+        const int mainPollFd =
+            queue == dispatch_get_main_queue() ? dispatch::internal::mainQueuePollFd() : -1;
+        return mainPollFd >= 0 ? mainPollFd : epollFd_.get();
+    }
+
+    // Handles an event for the source registered under `id`, if it still is.
+    void deliver(uint64_t id) {
+        dispatch_source_s* source = nullptr;
+        {
+            std::lock_guard lock(mutex_);
+            auto found = sources_.find(id);
+            if (found != sources_.end()) {
+                source = found->second;
+                dispatch_retain(source);
+            }
+        }
+        if (source) {
+            handleEvent(source);
+            dispatch_release(source);
+        }
     }
 
   private:
@@ -161,21 +189,7 @@ class EventLoop {
         for (;;) {
             const int count = epoll_wait(epollFd_.get(), events, 8, -1);
             for (int i = 0; i < count; ++i) {
-                // epoll_event is packed: copy the id out before binding to it.
-                const uint64_t id = events[i].data.u64;
-                dispatch_source_s* source = nullptr;
-                {
-                    std::lock_guard lock(mutex_);
-                    auto found = sources_.find(id);
-                    if (found != sources_.end()) {
-                        source = found->second;
-                        dispatch_retain(source);
-                    }
-                }
-                if (source) {
-                    handleEvent(source);
-                    dispatch_release(source);
-                }
+                deliver(events[i].data.u64);
             }
         }
     }
@@ -187,23 +201,18 @@ class EventLoop {
     std::unordered_map<uint64_t, dispatch_source_s*> sources_;
 };
 
-// Reads every event the fd holds; returns how many there were.
-uint64_t readEvents(dispatch_source_s* source) {
+// Reads every event the fd holds; returns whether there was any.
+bool readEvents(dispatch_source_s* source) {
     if (source->type_ == DISPATCH_SOURCE_TYPE_TIMER) {
         uint64_t expirations = 0;
-        return read(source->fd_.get(), &expirations, sizeof expirations) == sizeof expirations
-                   ? expirations
-                   : 0;
+        return read(source->fd_.get(), &expirations, sizeof expirations) == sizeof expirations;
     }
-    uint64_t signals = 0;
+    bool any = false;
     signalfd_siginfo infos[4];
-    for (;;) {
-        const ssize_t got = read(source->fd_.get(), infos, sizeof infos);
-        if (got <= 0) {
-            return signals;
-        }
-        signals += static_cast<uint64_t>(got) / sizeof(signalfd_siginfo);
+    while (read(source->fd_.get(), infos, sizeof infos) > 0) {
+        any = true;
     }
+    return any;
 }
 
 // Closes the fd and takes the handler, for the caller to destroy once it has
@@ -212,7 +221,7 @@ uint64_t readEvents(dispatch_source_s* source) {
 Handler closeLocked(dispatch_source_s* source) {
     if (source->fd_.valid()) {
         if (source->registered_) {
-            EventLoop::get()->remove(source->fd_.get());
+            EventLoop::remove(source);
         }
         source->fd_.reset();
     }
@@ -223,9 +232,7 @@ void fire(dispatch_source_s* source) {
     Handler handler;
     {
         std::lock_guard lock(source->mutex_);
-        if (!source->cancelled_.load(std::memory_order_relaxed)) {
-            source->data_.store(source->pending_, std::memory_order_relaxed);
-            source->pending_ = 0;
+        if (!source->cancelled_) {
             handler = source->handler_;
         }
     }
@@ -235,25 +242,23 @@ void fire(dispatch_source_s* source) {
     Handler released;
     std::lock_guard lock(source->mutex_);
     source->firing_ = false;
-    if (source->cancelled_.load(std::memory_order_relaxed)) {
+    if (source->cancelled_) {
         released = closeLocked(source);
     } else {
-        EventLoop::get()->rearm(source);
+        EventLoop::rearm(source);
     }
 }
 
 void EventLoop::handleEvent(dispatch_source_s* source) {
     {
         std::lock_guard lock(source->mutex_);
-        if (source->cancelled_.load(std::memory_order_relaxed)) {
+        if (source->cancelled_) {
             return;
         }
-        const uint64_t events = readEvents(source);
-        if (events == 0) {
+        if (!readEvents(source)) {
             rearm(source);
             return;
         }
-        source->pending_ += events;
         source->firing_ = true;
     }
     if (source->queue_->kind_ == dispatch_object_s::Kind::kGlobalQueue) {
@@ -272,6 +277,18 @@ dispatch_source_s::FireWork::FireWork() {
         fire(source);
         dispatch_release(source);
     };
+}
+
+void dispatch::internal::queueMainQueueSourceFirings(int pollFd) {
+    epoll_event events[8];
+    const int count = epoll_wait(pollFd, events, 8, 0);
+    for (int i = 0; i < count; ++i) {
+        // epoll_event is packed: copy the id out before using it.
+        const uint64_t id = events[i].data.u64;
+        if (id != kMainQueueWakeupId) {
+            EventLoop::get()->deliver(id);
+        }
+    }
 }
 
 dispatch_object_t dispatch_object_of(dispatch_source_t source) {
@@ -309,15 +326,18 @@ dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t 
         }
         return nullptr;
     }
-    return new dispatch_source_s(type, signalNumber, std::move(fd),
-                                 queue ? queue : dispatch_get_global_queue(0, 0),
+    if (queue == nullptr) {
+        queue = dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0);
+    }
+    return new dispatch_source_s(type, signalNumber, std::move(fd), queue,
+                                 EventLoop::get()->pollFdFor(queue),
                                  sNextId.fetch_add(1, std::memory_order_relaxed));
 }
 
 void dispatch_source_set_event_handler(dispatch_source_t source, dispatch_block_t handler) {
     auto replacement = std::make_shared<const dispatch_block_t>(std::move(handler));
     std::lock_guard lock(source->mutex_);
-    if (!source->cancelled_.load(std::memory_order_relaxed)) {
+    if (!source->cancelled_) {
         source->handler_.swap(replacement);
     }
 }
@@ -344,17 +364,13 @@ void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start, 
     }
 }
 
-uintptr_t dispatch_source_get_data(dispatch_source_t source) {
-    return source->data_.load(std::memory_order_relaxed);
-}
-
 void dispatch_activate(dispatch_source_t source) {
     // Start the event thread first: nothing slow may happen once a signal is
     // blocked (see below).
     EventLoop* loop = EventLoop::get();
     {
         std::lock_guard lock(source->mutex_);
-        if (!loop || source->activated_ || source->cancelled_.load(std::memory_order_relaxed)) {
+        if (!loop || source->activated_ || source->cancelled_) {
             return;
         }
         source->activated_ = true;
@@ -367,9 +383,9 @@ void dispatch_activate(dispatch_source_t source) {
     // action; from here on it stays pending until the signalfd reads it, even
     // once its disposition is set to ignore. One window is left, and it
     // belongs to the caller: setting the disposition to ignore discards an
-    // instance that is pending at that moment and that the event thread has
-    // not read yet. Returning right after blocking keeps that window to the
-    // caller's next statement.
+    // instance that is pending at that moment and has not been read yet.
+    // Returning right after blocking keeps that window to the caller's next
+    // statement.
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, source->signalNumber_);
@@ -381,10 +397,10 @@ void dispatch_source_cancel(dispatch_source_t source) {
     bool registered;
     {
         std::lock_guard lock(source->mutex_);
-        if (source->cancelled_.load(std::memory_order_relaxed)) {
+        if (source->cancelled_) {
             return;
         }
-        source->cancelled_.store(true, std::memory_order_relaxed);
+        source->cancelled_ = true;
         registered = source->registered_;
         if (!source->firing_) {
             released = closeLocked(source);
@@ -394,8 +410,4 @@ void dispatch_source_cancel(dispatch_source_t source) {
     if (registered) {
         EventLoop::get()->unregister(source);
     }
-}
-
-bool dispatch_source_testcancel(dispatch_source_t source) {
-    return source->cancelled_.load(std::memory_order_relaxed);
 }
