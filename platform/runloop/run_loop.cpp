@@ -10,10 +10,10 @@ namespace runloop {
 namespace {
 
 // Sleeps until the main queue has work or `timeoutMs` passes. Returns whether
-// there may be work. A poll of the main queue's eventfd needs no descriptor of
-// its own, so the loop works however few the process may open. Without that
-// eventfd the loop still sleeps (and drains at each slice's end) instead of
-// spinning.
+// there may be work. A poll of the main queue's wake-up descriptor needs no
+// descriptor of its own, so the loop works however few the process may open.
+// Without that descriptor the loop still sleeps (and drains at each slice's
+// end) instead of spinning.
 bool waitForWork(int timeoutMs) {
     pollfd wakeup{dispatch_main_queue_wakeup_fd(), POLLIN, 0};
     if (wakeup.fd < 0) {
