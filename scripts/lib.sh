@@ -1,20 +1,27 @@
-# Shared by scripts/run, scripts/test and .ci/run. Source it; do not run it.
+# Shared by scripts/run, scripts/test, scripts/package and .ci/run. Source it;
+# do not run it.
 
 repo_root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
-# Debian packages the build and the test suite need. libspdlog-dev is only a
-# baseline for one benchmark; the daemon does not link it. systemd brings
-# systemd-analyze and systemd-socket-activate (no service manager needs to
-# run); dpkg-dev, socat and strace serve the package test.
-kel_packages=(cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev
-              libspdlog-dev libclang-rt-14-dev util-linux procps nlohmann-json3-dev
-              libsystemd-dev dbus-daemon pkg-config libdw-dev systemd dpkg-dev socat strace)
+# Debian packages that building and running the daemon needs.
+kel_build_packages=(cmake ninja-build g++ pkg-config nlohmann-json3-dev libsystemd-dev libdw-dev)
+# What building the Debian package adds: debhelper, and systemd for the paths
+# of its units (systemd.pc) and for systemd-analyze.
+kel_package_packages=(dpkg-dev debhelper systemd lintian)
+# What the test suite, the sanitizer builds and the benchmarks add.
+# libspdlog-dev is only a baseline for one benchmark; the daemon does not link
+# it. socat, strace, util-linux (setpriv) and procps (pgrep) serve the package
+# test, which also runs systemd-socket-activate (no service manager needs to
+# run).
+kel_test_packages=(clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
+                   dbus-daemon util-linux procps socat strace)
 
-# Installs whatever of kel_packages is missing, with apt-get, once.
+# kel_install_missing PACKAGE...: installs whichever of them is missing, with
+# apt-get, once.
 kel_install_missing() {
     local missing=()
     local pkg
-    for pkg in "${kel_packages[@]}"; do
+    for pkg in "$@"; do
         if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed'; then
             missing+=("$pkg")
         fi
@@ -39,4 +46,22 @@ kel_build() {
     shift
     cmake --preset "$preset" -S "$repo_root" "$@" >/dev/null
     cmake --build --preset "$preset" --parallel "$(nproc)" ${KEL_BUILD_TARGET:+--target "$KEL_BUILD_TARGET"}
+}
+
+# Builds the Debian package and its debug symbols with debhelper into
+# build/deb/ (kelhelperd_VERSION_ARCH.deb, kelhelperd-dbgsym_...) and checks
+# both with lintian: any error or warning fails. debian/ is copied afresh each
+# time, since dpkg-buildpackage writes beside it; the compiled objects are kept
+# for the next build.
+kel_build_deb() {
+    local stage="$repo_root/build/deb/kelhelperd"
+    mkdir -p "$stage"
+    rm -rf "$stage/debian" "$repo_root"/build/deb/*.deb
+    cp -r "$repo_root/packaging/debian" "$stage/debian"
+    if ! (cd "$stage" && KEL_SOURCE_DIR="$repo_root" dpkg-buildpackage -b -nc --no-sign \
+        >"$stage.log" 2>&1); then
+        tail -n 30 "$stage.log" >&2
+        return 1
+    fi
+    lintian --pedantic --fail-on error,warning "$repo_root"/build/deb/*.deb
 }
