@@ -22,11 +22,8 @@ namespace fsutil {
 
 namespace {
 
+using internal::isDotOrDotDot;
 using internal::OpenDirectory;
-
-bool isDot(const std::string& name) {
-    return name == "." || name == "..";
-}
 
 // A removal walk: links are entries like files, each level under a guard.
 class Removal final : public internal::TreeVisitor {
@@ -49,7 +46,7 @@ class Removal final : public internal::TreeVisitor {
     bool leaveDirectory(const OpenDirectory& parent, const char* name, bool walked) override {
         if (walked) {
             WatchdogGuard guard;
-            unlinkat(parent.fd(), name, AT_REMOVEDIR);
+            static_cast<void>(unlinkat(parent.fd(), name, AT_REMOVEDIR));
         }
         return walked;
     }
@@ -99,7 +96,7 @@ bool findMatching(const std::string& directory, const std::regex& expression,
     bool matched = false;
     while (const dirent* entry = readdir(stream.get())) {
         std::string name(internal::entryName(*entry));
-        if (isDot(name)) {
+        if (isDotOrDotDot(name)) {
             continue;
         }
         if (!std::regex_match(name, expression)) {
@@ -135,7 +132,7 @@ bool removeRecursive(const std::string& path) {
             return false;
         }
     }
-    removePath(path);
+    static_cast<void>(removePath(path));
     return true;
 }
 
@@ -144,7 +141,7 @@ bool removeOlderThan(const std::string& directory, uint64_t maxAgeSeconds) {
     const time_t now = time(nullptr);
     Removal removal;
     for (const internal::ListedEntry& entry : top.entries()) {
-        if (isDot(entry.name) ||
+        if (isDotOrDotDot(entry.name) ||
             (maxAgeSeconds != 0 && !isDue(top, entry.name, now, maxAgeSeconds))) {
             continue;
         }

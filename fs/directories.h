@@ -33,12 +33,12 @@ void listDirectory(const std::string& directory, std::vector<std::string>& names
 // `includeSymlinks`. Returns whether anything matched. A directory that cannot
 // be opened gives false and the system-log error "Error <directory> (<reason>)".
 // Unguarded.
-bool findMatching(const std::string& directory, const std::regex& expression,
-                  std::vector<std::string>& names, bool includeSymlinks);
+[[nodiscard]] bool findMatching(const std::string& directory, const std::regex& expression,
+                                std::vector<std::string>& names, bool includeSymlinks);
 
 // Removes a file, a link or an empty directory: remove(3), then unlink(2) when
 // that fails, under one guard. True when either succeeded.
-bool removePath(const std::string& path);
+[[nodiscard]] bool removePath(const std::string& path);
 
 // Removes `path` and everything under it, depth first in listing order. A
 // missing path gives true. Stops with false at the first entry that cannot be
@@ -46,7 +46,7 @@ bool removePath(const std::string& path);
 // once every entry is gone, even if `path` itself then cannot be removed.
 // A guard stays armed over the whole removal, and over each subdirectory's;
 // each listing and each removal has its own.
-bool removeRecursive(const std::string& path);
+[[nodiscard]] bool removeRecursive(const std::string& path);
 
 // Removes each entry of `directory` whose status changed at least
 // `maxAgeSeconds` ago (stat(2), links followed, against time(2) read once after
@@ -54,7 +54,7 @@ bool removeRecursive(const std::string& path);
 // Age 0 removes every entry without reading any status. Entries whose status
 // cannot be read stay. False at the first removal that fails; true otherwise,
 // also for a directory that cannot be listed.
-bool removeOlderThan(const std::string& directory, uint64_t maxAgeSeconds);
+[[nodiscard]] bool removeOlderThan(const std::string& directory, uint64_t maxAgeSeconds);
 
 // Renames the directory `source` to uniquePath(target): `target`, or the first
 // free one of target-1, target-2, ... Returns the new path; "" when `source`

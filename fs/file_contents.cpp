@@ -100,7 +100,7 @@ bool copyFile(const std::string& source, const std::string& destination, bool co
     const int to =
         openFile(destination, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0644);
     if (to < 0) {
-        closeFile(from);
+        static_cast<void>(closeFile(from));
         return false;
     }
     bool copied = copyInKernel(from, to) && copyThroughBuffer(from, to);
@@ -108,8 +108,8 @@ bool copyFile(const std::string& source, const std::string& destination, bool co
         struct stat status;
         copied = fstat(from, &status) == 0 && fchmod(to, status.st_mode & 07777) == 0;
     }
-    closeFile(to);
-    closeFile(from);
+    static_cast<void>(closeFile(to));
+    static_cast<void>(closeFile(from));
     return copied;
 }
 

@@ -19,8 +19,11 @@
 namespace fsutil {
 
 // Writes all `count` bytes to `fd`, continuing after short writes. A count of
-// 0 makes no call. An interrupted write is a failure (not retried), and so is
-// a write that reports no progress, which would otherwise repeat forever.
+// 0 makes no call. An interrupted write is a failure, and so is a write that
+// reports no progress, which would otherwise repeat forever. Unlike
+// platform::writeAll, which retries EINTR for the daemon's own files, this one
+// hands an interrupted write back: a caller that breaks off a blocking write
+// (to a pipe or a socket) with a signal gets control back at once.
 [[nodiscard]] bool writeAll(int fd, const void* bytes, size_t count);
 
 // Writes all `count` bytes to `stream`, then flushes it (the flush's result is
@@ -35,7 +38,7 @@ namespace fsutil {
 // Closes `fd` under a guard: true when the descriptor is gone, false when it
 // was not open or the close failed (EIO and the like). An interrupted close
 // counts as done.
-bool closeFile(int fd);
+[[nodiscard]] bool closeFile(int fd);
 
 // Copies the bytes of `source` into `destination`, creating it with mode 0644
 // (less the umask) or truncating it (an existing destination keeps its

@@ -2,8 +2,6 @@
 
 #include <fcntl.h>
 #include <pwd.h>
-#include <stdio.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "fs/error_log.h"
@@ -72,16 +70,6 @@ bool changeOwnerRecursive(const std::string& path, uid_t uid, gid_t gid) {
         }
     }
     return changeOwner(path, uid, gid);
-}
-
-bool changeMode(const std::string& path, mode_t mode) {
-    WatchdogGuard guard;
-    return chmod(path.c_str(), mode) == 0;
-}
-
-bool renamePath(const std::string& oldPath, const std::string& newPath) {
-    WatchdogGuard guard;
-    return rename(oldPath.c_str(), newPath.c_str()) == 0;
 }
 
 }  // namespace fsutil

@@ -56,7 +56,7 @@ void OpenDirectory::list(int fd) {
     }
     DIR* stream = fdopendir(fd);
     if (stream == nullptr) {
-        ::close(fd);
+        static_cast<void>(::close(fd));
         return;
     }
     stream_.reset(stream);
@@ -90,7 +90,7 @@ void OpenDirectory::close() {
 
 bool walkEntry(const OpenDirectory& directory, const ListedEntry& entry, TreeVisitor& visitor) {
     const char* name = entry.name.c_str();
-    if (entry.name == "." || entry.name == "..") {
+    if (isDotOrDotDot(entry.name)) {
         return visitor.visitDot(directory, name);
     }
     if (!mayBeDirectory(directory, entry, visitor.followsLinks())) {

@@ -36,6 +36,12 @@ namespace fsutil::internal {
 // search.
 std::string_view entryName(const dirent& entry);
 
+// Whether `name` is "." or "..": the directory itself and its parent, listed
+// like any entry and never walked into.
+inline bool isDotOrDotDot(std::string_view name) {
+    return name == "." || name == "..";
+}
+
 // A directory stream, closed when the owner goes.
 struct CloseDir {
     void operator()(DIR* stream) const { closedir(stream); }

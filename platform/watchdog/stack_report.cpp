@@ -273,7 +273,7 @@ std::string writeSnapshotFile(pid_t tid, const std::vector<std::string>& lines) 
     static unsigned sSequence = 0;
     const std::string folder = kel::trace::kSnapshotFolder;
     // A failure shows as the open's error below.
-    (void)platform::makeDirectories(folder, 0755);
+    static_cast<void>(platform::makeDirectories(folder, 0755));
     const std::string path =
         folder + platform::stringPrintf("stackshot-%d-%d-%u.txt", static_cast<int>(getpid()),
                                         static_cast<int>(tid), ++sSequence);

@@ -15,7 +15,9 @@
 #include <gtest/gtest.h>
 
 #include "fs/file_contents.h"
-#include "fs/locks_space_notices.h"
+#include "fs/locks.h"
+#include "fs/notices.h"
+#include "fs/volume.h"
 #include "fs/watchdog_guard.h"
 #include "platform/trace/trace.h"
 #include "tests/support/call_recorder.h"

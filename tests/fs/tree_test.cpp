@@ -134,7 +134,7 @@ TEST(DirectoriesTest, RemovalRacingFolderSwapsNeverLeavesTheTree) {
     for (struct stat d0{}; lstat((tree + "/d0").c_str(), &d0) != 0 || !S_ISLNK(d0.st_mode);) {
     }
     for (int attempt = 0; attempt < 50 && fsutil::exists(tree); ++attempt) {
-        fsutil::removeRecursive(tree);
+        static_cast<void>(fsutil::removeRecursive(tree));
     }
     kill(swapper, SIGKILL);
     waitpid(swapper, nullptr, 0);
