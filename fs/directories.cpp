@@ -32,13 +32,18 @@ class Removal final : public internal::TreeVisitor {
     bool guardsEachLevel() const override { return true; }
     bool visitDot(const OpenDirectory&, const char*) override { return true; }
 
-    // remove(3) relative to the directory: unlink, and rmdir when the entry is
-    // a directory that the walk could not open (unreadable, or emptied by
-    // someone else), which goes only if it is empty.
+    // remove(3) relative to the directory: unlink, and rmdir for a directory,
+    // which goes only if it is empty.
     bool visitEntry(const OpenDirectory& directory, const char* name) override {
         WatchdogGuard guard;
         return unlinkat(directory.fd(), name, 0) == 0 ||
                (errno == EISDIR && unlinkat(directory.fd(), name, AT_REMOVEDIR) == 0);
+    }
+
+    // A directory the walk cannot read (no permission, no descriptor left)
+    // goes if it is empty, and is a failure otherwise.
+    bool visitUnreadableDirectory(const OpenDirectory& directory, const char* name) override {
+        return visitEntry(directory, name);
     }
 
     // A subdirectory whose entries are all gone is removed; whether that works
@@ -127,6 +132,9 @@ bool removeRecursive(const std::string& path) {
     }
     {
         const OpenDirectory top(path);
+        if (top.isUnreadableDirectory()) {
+            return removePath(path);
+        }
         Removal removal;
         if (!internal::walkTree(top, removal)) {
             return false;

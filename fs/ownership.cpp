@@ -30,6 +30,8 @@ class OwnerChange final : public internal::TreeVisitor {
         WatchdogGuard guard;
         return fchownat(directory.fd(), name, uid_, gid_, 0) == 0;
     }
+    // Changing the folder alone would report a walk that never went below it.
+    bool visitUnreadableDirectory(const OpenDirectory&, const char*) override { return false; }
     bool leaveDirectory(const OpenDirectory&, const char*, bool walked) override { return walked; }
 
   private:
@@ -67,6 +69,9 @@ bool changeOwnerRecursive(const std::string& path, uid_t uid, gid_t gid) {
         if (top.isDirectory()) {
             OwnerChange change(uid, gid);
             return internal::walkTree(top, change);
+        }
+        if (top.isUnreadableDirectory()) {
+            return false;
         }
     }
     return changeOwner(path, uid, gid);

@@ -29,11 +29,16 @@ enum class Account {
 [[nodiscard]] bool changeOwner(const std::string& path, uid_t uid, gid_t gid);
 
 // Gives `path` and, if it is a directory, everything under it to uid:gid, in
-// listing order, descending into links to directories. A directory gets the
-// new owner through its "." entry, and the directory above it through its
-// ".." entry, so the one that contains `path` changes too. Stops with false at
-// the first chown that fails, keeping the changes made before it, and when a
-// link leads back into a directory being walked (a cycle).
+// listing order. Stops with false at the first chown that fails, at a
+// directory it cannot open or read (no permission, no descriptor left), and
+// when a link leads back into a directory being walked (a cycle), keeping the
+// changes made before.
+//
+// Warning: this reaches outside the tree, by design. Links are followed, to
+// files and into directories anywhere; and each directory's ".." entry is
+// changed like any other, so the directory that contains `path` changes
+// too. Run by root on a tree that others can write, it gives away whatever
+// they link to. Use it only on trees whose contents you trust.
 [[nodiscard]] bool changeOwnerRecursive(const std::string& path, uid_t uid, gid_t gid);
 
 }  // namespace fsutil

@@ -1,5 +1,6 @@
 #include "fs/tree_walk.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -52,10 +53,12 @@ OpenDirectory::~OpenDirectory() = default;
 
 void OpenDirectory::list(int fd) {
     if (fd < 0) {
+        error_ = errno;
         return;
     }
     DIR* stream = fdopendir(fd);
     if (stream == nullptr) {
+        error_ = errno;
         static_cast<void>(::close(fd));
         return;
     }
@@ -66,9 +69,18 @@ void OpenDirectory::list(int fd) {
         device_ = status.st_dev;
         inode_ = status.st_ino;
     }
-    while (const dirent* entry = readdir(stream)) {
+    // readdir tells its end from a failure only by errno.
+    for (errno = 0; const dirent* entry = readdir(stream); errno = 0) {
         entries_.push_back({std::string(entryName(*entry)), entry->d_type});
     }
+    if (errno != 0) {
+        error_ = errno;
+        entries_.clear();
+    }
+}
+
+bool OpenDirectory::isUnreadableDirectory() const {
+    return error_ != 0 && error_ != ENOTDIR && error_ != ELOOP && error_ != ENOENT;
 }
 
 int OpenDirectory::fd() const {
@@ -104,7 +116,8 @@ bool walkEntry(const OpenDirectory& directory, const ListedEntry& entry, TreeVis
     if (!child.isDirectory()) {
         child.close();
         levelGuard.reset();
-        return visitor.visitEntry(directory, name);
+        return child.isUnreadableDirectory() ? visitor.visitUnreadableDirectory(directory, name)
+                                             : visitor.visitEntry(directory, name);
     }
     const bool walked = !child.repeatsAnAncestor() && walkTree(child, visitor);
     child.close();

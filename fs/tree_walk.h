@@ -14,9 +14,12 @@
 //  - the directory test of an entry is answered from the type readdir gave,
 //    and only when that type is unknown (or a link, for a walk that follows
 //    links) by fstatat under a guard, the existence test of a path walk. The
-//    probe that opens the entry as a directory is the listing of its level;
-//    an entry that does not open, or lists nothing, is no directory, the same
-//    answer as open, read one entry, close;
+//    probe that opens the entry as a directory is the listing of its level.
+//    An entry that turns out not to be a directory when opened (a file, a
+//    link in a walk that does not follow links, or gone) is visited like a
+//    file; a directory that cannot be opened or read to its end (no
+//    descriptor left, no permission, a read error) is handed to
+//    visitUnreadableDirectory, never taken for a file;
 //  - with guardEachLevel, a guard armed before a subdirectory is opened stays
 //    armed until its level is done and leaveDirectory has returned.
 #pragma once
@@ -68,9 +71,11 @@ class OpenDirectory {
     OpenDirectory(const OpenDirectory&) = delete;
     OpenDirectory& operator=(const OpenDirectory&) = delete;
 
-    // False when the path did not open as a directory or listed nothing: by
-    // the directory test it is not a directory.
+    // Whether the path opened as a directory and was read to its end.
     bool isDirectory() const { return !entries_.empty(); }
+    // Whether the path is a directory that could not be opened or read to
+    // its end; false for a directory read whole and for what is none.
+    bool isUnreadableDirectory() const;
     // Valid while the level is open.
     int fd() const;
     const std::vector<ListedEntry>& entries() const { return entries_; }
@@ -89,6 +94,8 @@ class OpenDirectory {
     const OpenDirectory* parent_ = nullptr;
     dev_t device_ = 0;
     ino_t inode_ = 0;
+    // errno of the step that failed, 0 when none did.
+    int error_ = 0;
 };
 
 // What one kind of walk does at each entry; the walk decides only which
@@ -104,6 +111,9 @@ class TreeVisitor {
     virtual bool visitDot(const OpenDirectory& directory, const char* name) = 0;
     // An entry of `directory` that is not descended into. False stops.
     virtual bool visitEntry(const OpenDirectory& directory, const char* name) = 0;
+    // A subdirectory `name` of `directory` that could not be opened or read
+    // to its end. False stops.
+    virtual bool visitUnreadableDirectory(const OpenDirectory& directory, const char* name) = 0;
     // After the subdirectory `name` of `parent` was walked (closed by now),
     // `walked` telling whether every entry below it was visited. Returns
     // whether to go on.

@@ -1,5 +1,7 @@
+#include <fcntl.h>
 #include <grp.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -161,12 +163,10 @@ TEST(FaultSweepTest, EveryFailureIsAResult) {
     const CapturedSystemLog quiet;
     sHeldTime = time(nullptr) + 9;
     const std::string r4 = "fstat readdir readdir readdir readdir";
-    // A folder whose listing fails at once is no folder, and fails removal.
+    // A folder that cannot be listed to its end fails removal.
     const std::string nested =
-        " ] [ [ openat:f fdopendir:f fstat readdir:f readdir readdir readdir ] [ unlinkat:f ] "
-        "closedir "
-        "[ "
-        "unlinkat ] ] closedir";
+        " ] [ [ openat:f fdopendir:f fstat readdir:f readdir:f readdir:f readdir:f ] "
+        "[ unlinkat:f ] closedir [ unlinkat ] ] closedir";
     EXPECT_EQ(sweep("true",
                     [](auto& r) {
                         Tree names;
@@ -178,7 +178,8 @@ TEST(FaultSweepTest, EveryFailureIsAResult) {
               "closedir");
     EXPECT_EQ(sweep("mkdir -p t/s && touch t/s/f",
                     [](auto& r) { return fsutil::removeRecursive(r + "/t"); }),
-              "[ [ stat ] [ openat fdopendir " + r4 + nested + " [ remove ] ]");
+              "[ [ stat ] [ openat:f fdopendir:f fstat readdir:f readdir:f readdir:f readdir:f" +
+                  nested + " [ remove ] ]");
     EXPECT_EQ(sweep("mkdir s && touch s/f", [](auto& r) { return fsutil::removeOlderThan(r, 1); }),
               "[ openat fdopendir " + r4 + " ] fstatat" + nested.substr(2));
     EXPECT_EQ(
@@ -186,7 +187,8 @@ TEST(FaultSweepTest, EveryFailureIsAResult) {
         "[ stat:f ] opendir:f readdir:f closedir [ stat ] [ stat ] rename:f");
     EXPECT_EQ(
         sweep("true", [](auto& r) { return fsutil::changeOwnerRecursive(r, getuid(), getgid()); }),
-        "[ stat ] [ openat fdopendir fstat readdir readdir readdir ] [ fchownat:f ] [ fchownat:f ] "
+        "[ stat ] [ openat:f fdopendir:f fstat readdir:f readdir:f readdir:f ] [ fchownat:f ] "
+        "[ fchownat:f ] "
         "closedir");
     EXPECT_EQ(sweep("touch s",
                     [](auto& r) {
@@ -218,6 +220,37 @@ TEST(FaultSweepTest, EveryFailureIsAResult) {
                     }),
               "[ [ ] ]");
     sHeldTime = 0;
+}
+
+// With no descriptor to spare, or fewer than the tree has levels, a walk meets
+// folders it cannot open: each is a failure, never taken for a file.
+TEST(OwnershipTest, AFolderThatCannotBeOpenedIsAFailure) {
+    const TempDir root;
+    const std::string tree = root.file("t");
+    makeTree(root.path(), "mkdir -p t/$(printf 'd/%.0s' $(seq 40))");
+    const struct {
+        rlim_t spare;
+        bool (*run)(const std::string& tree);
+    } kCases[] = {
+        {0, [](auto& t) { return fsutil::changeOwnerRecursive(t, getuid(), getgid()); }},
+        {8, [](auto& t) { return fsutil::changeOwnerRecursive(t, getuid(), getgid()); }},
+        {0, [](auto& t) { return fsutil::removeRecursive(t); }},
+    };
+    for (const auto& c : kCases) {
+        const pid_t child = fork();
+        if (child == 0) {
+            const int lowestFree = open("/dev/null", O_RDONLY);
+            close(lowestFree);
+            rlimit limit{};
+            getrlimit(RLIMIT_NOFILE, &limit);
+            limit.rlim_cur = static_cast<rlim_t>(lowestFree) + c.spare;
+            _exit(setrlimit(RLIMIT_NOFILE, &limit) != 0 || c.run(tree));
+        }
+        int status = -1;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0) << "case " << &c - kCases;
+    }
+    EXPECT_TRUE(fsutil::exists(tree + "/d/d"));
 }
 
 // p/d/.. gives p away; links are followed, to files and into folders, and a
