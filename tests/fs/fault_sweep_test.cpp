@@ -1,0 +1,122 @@
+// Every operation of the library with each of its calls failing in turn (see
+// sweepFailures): no failure leaves a descriptor open or a guard armed, the
+// calls that must run under a guard do, and no operation reports success for
+// work it left half done.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include <gtest/gtest.h>
+
+#include "fs/directories.h"
+#include "fs/file_contents.h"
+#include "fs/locks.h"
+#include "fs/ownership.h"
+#include "fs/paths.h"
+#include "tests/fs/trees.h"
+#include "tests/support/call_recorder.h"
+#include "tests/support/log_recording.h"
+#include "tests/support/temp_dir.h"
+
+namespace kel::testing {
+namespace {
+
+bool isFile(const struct stat& status) {
+    return !S_ISDIR(status.st_mode);
+}
+
+// Whether the files under `path` are all there (`count`) or all gone: a tree
+// operation that reports success has done all of its work, or none of it
+// when the path tested as missing or unlistable.
+bool allOrNone(const std::string& path, size_t count) {
+    const size_t left = treeContents(path, isFile).size();
+    return left == 0 || left == count;
+}
+
+TEST(FaultSweepTest, EveryFailureIsAResult) {
+    const CapturedSystemLog quiet;
+    const TempDir root;
+    const std::string r = root.file("r");
+    // As root the owner changes to one that shows; otherwise to the same one.
+    static const uid_t sOwner = geteuid() == 0 ? 4242 : geteuid();
+    std::vector<uint8_t> bytes;
+    const std::string data(3000, 'd');
+    const struct {
+        // Made in r before each run: files, and folders where a name ends in '/'.
+        std::vector<std::string> scene;
+        std::function<bool()> run;
+        std::set<std::string> guarded;
+        std::function<bool()> done = [] { return true; };
+    } kOperations[] = {
+        {{"d/", "s"},
+         [&] {
+             Tree names;
+             fsutil::listDirectory(r, names);
+             return names.size() == 4 && fsutil::makeDirectory(r + "/d", 0755, false) &&
+                    fsutil::makeDirectory(r + "/n", 0755, false) &&
+                    fsutil::makeDirectory(r + "/a/b", 0755, true) &&
+                    fsutil::changeOwner(r + "/s", getuid(), getgid()) &&
+                    fsutil::changeMode(r + "/s", 0700) && fsutil::renamePath(r + "/s", r + "/m") &&
+                    fsutil::removePath(r + "/m");
+         },
+         {"opendir", "readdir", "closedir", "stat", "mkdir", "chown", "chmod", "rename", "remove"}},
+        {{"t/s/a", "t/s/b", "t/c"},
+         [&] { return fsutil::removeRecursive(r + "/t"); },
+         {"stat", "openat", "fdopendir", "readdir", "unlinkat", "remove"},
+         [&] { return allOrNone(r, 3); }},
+        {{"s/a", "s/b"},
+         [&] { return fsutil::removeOlderThan(r, 0); },
+         {"openat", "fdopendir", "readdir", "unlinkat"},
+         [&] { return allOrNone(r, 2); }},
+        {{"t/s/a", "t/b"},
+         [&] { return fsutil::changeOwnerRecursive(r + "/t", sOwner, sOwner); },
+         {"stat", "openat", "fdopendir", "readdir", "fchownat"},
+         [&] {
+             const auto owned = [](const struct stat& status) { return status.st_uid == sOwner; };
+             const size_t changed = treeContents(r + "/t", owned).size();
+             return changed == 0 || changed == 3;
+         }},
+        {{},
+         [&] {
+             return fsutil::copyFile(root.file("data"), r + "/copy", /*copyMode=*/true) &&
+                    fsutil::copyFile("/proc/version", r + "/version", /*copyMode=*/false) &&
+                    fsutil::unlockAndClose(fsutil::lockShared(root.file("data")));
+         },
+         {"open", "close", "fcntl"},
+         [&] {
+             return readFile(r + "/copy") == data &&
+                    readFile(r + "/version") == readFile("/proc/version");
+         }},
+        {{},
+         [&] {
+             bytes.clear();
+             return fsutil::readFile(root.file("data"), bytes);
+         },
+         {"read"},
+         [&] { return std::string(bytes.begin(), bytes.end()) == data; }},
+    };
+    std::ofstream(root.file("data")) << data;
+    for (const auto& operation : kOperations) {
+        SCOPED_TRACE(&operation - kOperations);
+        sweepFailures({.run = operation.run,
+                       .guarded = operation.guarded,
+                       .done = operation.done,
+                       .prepare = [&] {
+                           std::filesystem::remove_all(r);
+                           std::filesystem::create_directory(r);
+                           for (const std::string& path : operation.scene) {
+                               std::filesystem::create_directories(
+                                   std::filesystem::path(r + "/" + path).parent_path());
+                               if (path.back() != '/') {
+                                   std::ofstream{r + "/" + path};
+                               }
+                           }
+                       }});
+    }
+}
+
+}  // namespace
+}  // namespace kel::testing
