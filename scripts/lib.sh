@@ -8,7 +8,8 @@ repo_root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 # run); dpkg-dev, socat and strace serve the package test.
 kel_packages=(cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev
               libspdlog-dev libclang-rt-14-dev util-linux procps nlohmann-json3-dev
-              libsystemd-dev dbus-daemon pkg-config libdw-dev systemd dpkg-dev socat strace)
+              libsystemd-dev dbus-daemon pkg-config libdw-dev libseccomp-dev systemd dpkg-dev socat
+              strace)
 
 # Installs whatever of kel_packages is missing, with apt-get, once.
 kel_install_missing() {
