@@ -25,10 +25,10 @@ namespace {
 using internal::isDotOrDotDot;
 using internal::OpenDirectory;
 
-// A removal walk: links are entries like files, each level under a guard.
+// A removal walk: it stays in its tree, each level under a guard.
 class Removal final : public internal::TreeVisitor {
   public:
-    bool followsLinks() const override { return false; }
+    bool staysInTree() const override { return true; }
     bool guardsEachLevel() const override { return true; }
     bool visitDot(const OpenDirectory&, const char*) override { return true; }
 
@@ -47,7 +47,8 @@ class Removal final : public internal::TreeVisitor {
     }
 
     // A subdirectory whose entries are all gone is removed; whether that works
-    // does not change the result, as for the top of the tree.
+    // does not change the result, as for the top of the tree. One that was
+    // not walked (a mount point, or a failure below) stays.
     bool leaveDirectory(const OpenDirectory& parent, const char* name, bool walked) override {
         if (walked) {
             WatchdogGuard guard;
@@ -131,7 +132,7 @@ bool removeRecursive(const std::string& path) {
         return true;
     }
     {
-        const OpenDirectory top(path);
+        const OpenDirectory top(path, /*followLinks=*/false);
         if (top.isUnreadableDirectory()) {
             return removePath(path);
         }
@@ -145,7 +146,7 @@ bool removeRecursive(const std::string& path) {
 }
 
 bool removeOlderThan(const std::string& directory, uint64_t maxAgeSeconds) {
-    const OpenDirectory top(directory);
+    const OpenDirectory top(directory, /*followLinks=*/false);
     const time_t now = time(nullptr);
     Removal removal;
     for (const internal::ListedEntry& entry : top.entries()) {

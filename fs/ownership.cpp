@@ -15,13 +15,13 @@ namespace {
 
 using internal::OpenDirectory;
 
-// An owner change walk: links are followed, "." and ".." are changed like any
-// entry and never descended into.
+// An owner change walk: links are followed and mount points crossed; "." and
+// ".." are changed like any entry and never descended into.
 class OwnerChange final : public internal::TreeVisitor {
   public:
     OwnerChange(uid_t uid, gid_t gid) : uid_(uid), gid_(gid) {}
 
-    bool followsLinks() const override { return true; }
+    bool staysInTree() const override { return false; }
     bool guardsEachLevel() const override { return false; }
     bool visitDot(const OpenDirectory& directory, const char* name) override {
         return visitEntry(directory, name);
@@ -65,7 +65,7 @@ bool changeOwner(const std::string& path, uid_t uid, gid_t gid) {
 
 bool changeOwnerRecursive(const std::string& path, uid_t uid, gid_t gid) {
     if (exists(path)) {
-        const OpenDirectory top(path);
+        const OpenDirectory top(path, /*followLinks=*/true);
         if (top.isDirectory()) {
             OwnerChange change(uid, gid);
             return internal::walkTree(top, change);

@@ -5,8 +5,10 @@
 // its parent's descriptor, and each entry is acted on by name relative to the
 // descriptor of the directory it was listed in. Nothing is resolved twice from
 // a path, so a directory swapped for a link between the listing and the
-// action is met as the link, and a walk that does not follow links never
-// leaves the tree (a link is handed to visitEntry like any file).
+// action is met as the link. A walk that stays in its tree never leaves it: a
+// link, the top one included, is handed on like any file, and a directory on
+// which something is mounted (another file system, or a bind mount of a
+// folder from anywhere) is not walked into.
 //
 // Guarded steps, as the operations built on this place them:
 //  - the listing of a level: the open, fdopendir and every readdir, under one
@@ -25,6 +27,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <stdint.h>
 #include <sys/types.h>
 
 #include <memory>
@@ -61,11 +64,10 @@ struct ListedEntry {
 // opened, in the system's order, "." and ".." included.
 class OpenDirectory {
   public:
-    // Opens `path` (a link there is followed: the caller named it) and lists
-    // it.
-    explicit OpenDirectory(const std::string& path);
-    // Opens the entry `name` of `parent`, following a link there only with
-    // `followLinks`, and lists it.
+    // Opens `path`, following a link there only with `followLinks`, and
+    // lists it.
+    OpenDirectory(const std::string& path, bool followLinks);
+    // Opens the entry `name` of `parent` in the same way, and lists it.
     OpenDirectory(const OpenDirectory& parent, const char* name, bool followLinks);
     ~OpenDirectory();
     OpenDirectory(const OpenDirectory&) = delete;
@@ -82,6 +84,9 @@ class OpenDirectory {
     // Whether this directory is also one of its own ancestors in the walk
     // (reached again through a link or a bind mount).
     bool repeatsAnAncestor() const;
+    // Whether this directory is on another mount than its parent in the walk:
+    // a mount point.
+    bool isMountPoint() const;
 
     // Closes the stream early; the walk does so before removing the level.
     void close();
@@ -94,6 +99,9 @@ class OpenDirectory {
     const OpenDirectory* parent_ = nullptr;
     dev_t device_ = 0;
     ino_t inode_ = 0;
+    // 0 where the kernel does not tell mounts apart (before Linux 5.8): the
+    // device alone then tells a mount point.
+    uint64_t mount_ = 0;
     // errno of the step that failed, 0 when none did.
     int error_ = 0;
 };
@@ -102,9 +110,10 @@ class OpenDirectory {
 // entries are directories to descend into, and in which order.
 class TreeVisitor {
   public:
-    // Whether a link to a directory is descended into; otherwise it goes to
-    // visitEntry like a file.
-    virtual bool followsLinks() const = 0;
+    // Whether the walk keeps inside its tree: a link goes to visitEntry like a
+    // file, and a mount point is left as it is and ends the walk with false.
+    // Otherwise links to directories are descended into, and mount points too.
+    virtual bool staysInTree() const = 0;
     // Whether each subdirectory is walked under a guard of its own.
     virtual bool guardsEachLevel() const = 0;
     // "." or ".." of `directory`. False stops the walk.

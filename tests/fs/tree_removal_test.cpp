@@ -1,4 +1,5 @@
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include "fs/paths.h"
 #include "tests/fs/trees.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/test_child.h"
 
 static time_t sHeldTime = 0;
 
@@ -46,6 +48,60 @@ TEST(TreeRemovalTest, EdgeCases) {
     EXPECT_TRUE(fsutil::removeRecursive(root.file("f")));
     EXPECT_TRUE(fsutil::removeRecursive(root.file("missing")));
     EXPECT_THAT(treeContents(root.path()), ElementsAre("o", "o/k", "t"));
+}
+
+// A link named as the tree goes as a link, and a folder mounted inside the
+// tree (o bound onto t/m, in a mount namespace of the test's own) is a failure
+// that stays whole.
+TEST(TreeRemovalTest, NeverReachesThroughALinkOrAMountPoint) {
+    const bool inNamespace = childArgument() != nullptr;
+    const struct {
+        const char* path;
+        bool mounted;
+        bool (*remove)(const std::string& path);
+        bool result;
+        Tree left;
+    } kCases[] = {
+        {"l",
+         false,
+         [](auto& p) { return fsutil::removeRecursive(p); },
+         true,
+         {"o", "o/k", "t", "t/m"}},
+        {"l",
+         false,
+         [](auto& p) { return fsutil::removeOlderThan(p, 0); },
+         true,
+         {"l", "o", "o/k", "t", "t/m"}},
+        {"t",
+         true,
+         [](auto& p) { return fsutil::removeRecursive(p); },
+         false,
+         {"l", "o", "o/k", "t", "t/m", "t/m/k"}},
+        {"t",
+         true,
+         [](auto& p) { return fsutil::removeOlderThan(p, 0); },
+         false,
+         {"l", "o", "o/k", "t", "t/m", "t/m/k"}},
+    };
+    for (const auto& c : kCases) {
+        if (c.mounted != inNamespace) {
+            continue;
+        }
+        const TempDir root;
+        makeTree(root.path(), "mkdir -p o t/m && touch o/k && ln -s o l");
+        const std::string mountPoint = root.file("t/m");
+        ASSERT_TRUE(!c.mounted || mount(root.file("o").c_str(), mountPoint.c_str(), nullptr,
+                                        MS_BIND, nullptr) == 0);
+        EXPECT_EQ(c.remove(root.file(c.path)), c.result) << &c - kCases;
+        EXPECT_EQ(treeContents(root.path()), c.left) << &c - kCases;
+        umount(mountPoint.c_str());
+    }
+    if (!inNamespace) {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "the mount point cases need root";
+        }
+        EXPECT_EQ(runTestAgain("mounted", "unshare --mount"), 0);
+    }
 }
 
 // Another process keeps swapping the tree's folders for links to a folder

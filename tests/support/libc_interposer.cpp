@@ -65,6 +65,9 @@ KEL_INTERPOSE(ssize_t, copy_file_range,
                unsigned flags),
               (from, fromOffset, to, toOffset, size, flags), -1)
 KEL_INTERPOSE(int, fstat, (int fd, struct stat* status), (fd, status), -1, noexcept)
+KEL_INTERPOSE(int, statx,
+              (int dir, const char* path, int flags, unsigned mask, struct statx* status),
+              (dir, path, flags, mask, status), -1, noexcept)
 KEL_INTERPOSE(int, fchmod, (int fd, mode_t mode), (fd, mode), -1, noexcept)
 
 // close and closedir release the descriptor even when they report a failure, as
