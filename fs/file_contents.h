@@ -43,10 +43,10 @@ namespace fsutil {
 // Copies the bytes of `source` into `destination`, creating it with mode 0644
 // (less the umask) or truncating it (an existing destination keeps its
 // permissions unless `copyMode`, which gives it the source's mode afterwards).
-// A missing source creates no destination; a failure part-way leaves the
-// destination as far as it was written. Both descriptors are closed on every
-// path, the destination first. Source and destination naming the same file
-// are not detected: the truncation empties it.
+// A missing source creates no destination; a destination that is the source
+// itself (the same file under any name, or through a link) gives false and
+// changes nothing; a failure part-way leaves the destination as far as it was
+// written. Both descriptors are closed on every path, the destination first.
 [[nodiscard]] bool copyFile(const std::string& source, const std::string& destination,
                             bool copyMode);
 

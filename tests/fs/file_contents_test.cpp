@@ -18,34 +18,41 @@ using kel::testing::readFile;
 
 TEST(FileContentsTest, CopyFileTruncatesAndCopiesTheModeOnlyWhenAsked) {
     const kel::testing::TempDir dir;
-    std::ofstream(dir.file("source")) << std::string(5000, 's');
+    const std::string bytes(5000, 's');
+    std::ofstream(dir.file("source")) << bytes;
     chmod(dir.file("source").c_str(), 0640);
+    ASSERT_EQ(symlink("source", dir.file("link").c_str()), 0);
     const struct {
-        std::string source;
+        std::string source = "source";
+        // None: a file of its own, longer than the source, with mode 0600.
+        std::string destination = "";
         bool copyMode = false;
         InjectedFailure failure = {};
-        int mode;  // of the copy afterwards; -1: there is none
+        bool result = true;
+        int mode;  // of the destination afterwards; -1: there is none
     } kCases[] = {
-        {.source = dir.file("source"), .mode = 0600},
-        {.source = dir.file("source"), .copyMode = true, .mode = 0640},
+        {.mode = 0600},
+        {.copyMode = true, .mode = 0640},
         // Where the kernel will not copy, the buffer loop does.
-        {.source = dir.file("source"),
-         .failure = {.function = "copy_file_range", .nth = 1, .error = EXDEV},
-         .mode = 0600},
-        {.source = dir.file("missing"), .mode = -1},
+        {.failure = {.function = "copy_file_range", .nth = 1, .error = EXDEV}, .mode = 0600},
+        {.source = "missing", .result = false, .mode = -1},
+        // The source itself, by its name or through a link, is never emptied.
+        {.destination = "source", .result = false, .mode = 0640},
+        {.destination = "link", .result = false, .mode = 0640},
     };
-    // The destination, longer than the source, is there beforehand with mode
-    // 0600, unless the copy must fail.
     for (const auto& c : kCases) {
         SCOPED_TRACE(&c - kCases);
-        const std::string copy = dir.file("copy" + std::to_string(&c - kCases));
-        if (c.mode != -1) {
-            std::ofstream(copy) << std::string(8000, 'o');
-            chmod(copy.c_str(), 0600);
+        std::string copy = dir.file(c.destination);
+        if (c.destination.empty()) {
+            copy = dir.file("copy" + std::to_string(&c - kCases));
+            if (c.mode != -1) {
+                std::ofstream(copy) << std::string(8000, 'o');
+                chmod(copy.c_str(), 0600);
+            }
         }
         CallRecorder recorder(c.failure);
-        EXPECT_EQ(fsutil::copyFile(c.source, copy, c.copyMode), c.mode != -1);
-        EXPECT_EQ(readFile(copy), c.mode != -1 ? readFile(c.source) : "");
+        EXPECT_EQ(fsutil::copyFile(dir.file(c.source), copy, c.copyMode), c.result);
+        EXPECT_TRUE(readFile(copy) == (c.mode != -1 ? bytes : ""));
         struct stat status {};
         EXPECT_EQ(stat(copy.c_str(), &status) == 0 ? int(status.st_mode & 07777) : -1, c.mode);
     }

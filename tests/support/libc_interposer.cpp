@@ -69,6 +69,7 @@ KEL_INTERPOSE(int, statx,
               (int dir, const char* path, int flags, unsigned mask, struct statx* status),
               (dir, path, flags, mask, status), -1, noexcept)
 KEL_INTERPOSE(int, fchmod, (int fd, mode_t mode), (fd, mode), -1, noexcept)
+KEL_INTERPOSE(int, ftruncate, (int fd, off_t size), (fd, size), -1, noexcept)
 
 // close and closedir release the descriptor even when they report a failure, as
 // on Linux: an injected failure is reported after the real call.
