@@ -42,13 +42,11 @@ TEST(FileContentsTest, CopyFileTruncatesAndCopiesTheModeOnlyWhenAsked) {
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(&c - kCases);
-        std::string copy = dir.file(c.destination);
-        if (c.destination.empty()) {
-            copy = dir.file("copy" + std::to_string(&c - kCases));
-            if (c.mode != -1) {
-                std::ofstream(copy) << std::string(8000, 'o');
-                chmod(copy.c_str(), 0600);
-            }
+        const std::string copy =
+            dir.file(c.destination.empty() ? "copy" + std::to_string(&c - kCases) : c.destination);
+        if (c.destination.empty() && c.mode != -1) {
+            std::ofstream(copy) << std::string(8000, 'o');
+            chmod(copy.c_str(), 0600);
         }
         CallRecorder recorder(c.failure);
         EXPECT_EQ(fsutil::copyFile(dir.file(c.source), copy, c.copyMode), c.result);

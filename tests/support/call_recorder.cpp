@@ -10,24 +10,7 @@
 
 namespace kel::testing {
 
-namespace {
-
-thread_local CallRecorder* sActive = nullptr;
-
-}  // namespace
-
-CallRecorder::CallRecorder(InjectedFailure failure, std::set<std::string> guarded)
-    : failure_(std::move(failure)), guarded_(std::move(guarded)), previous_(sActive) {
-    sActive = this;
-}
-
-CallRecorder::~CallRecorder() {
-    sActive = previous_;
-}
-
-CallRecorder* CallRecorder::active() {
-    return sActive;
-}
+thread_local CallRecorder* CallRecorder::sActive = nullptr;
 
 bool CallRecorder::onCall(const char* function) {
     if (armed_ == 0 && guarded_.contains(function)) {
@@ -42,13 +25,13 @@ bool CallRecorder::onCall(const char* function) {
     return true;
 }
 
-void sweepFailures(const Sweep& sweep) {
+void sweepFailures(const std::function<bool()>& run, const std::set<std::string>& guarded,
+                   const std::function<bool()>& done, const std::function<void()>& prepare) {
     for (int failing = 0;; ++failing) {
-        sweep.prepare();
+        prepare();
         const long fdsBefore = openDescriptors(getpid());
-        std::optional<CallRecorder> recorder(std::in_place, InjectedFailure{"", failing},
-                                             sweep.guarded);
-        const bool result = sweep.run();
+        std::optional<CallRecorder> recorder(std::in_place, InjectedFailure{"", failing}, guarded);
+        const bool result = run();
         const std::string injected = recorder->injected();
         SCOPED_TRACE("call " + std::to_string(failing) + " failing: " + injected);
         EXPECT_EQ(recorder->armedGuards(), 0);
@@ -58,7 +41,7 @@ void sweepFailures(const Sweep& sweep) {
             return;
         }
         EXPECT_TRUE(failing > 0 || result);
-        EXPECT_TRUE(!result || sweep.done()) << "true for work left undone";
+        EXPECT_TRUE(!result || done()) << "true for work left undone";
         EXPECT_EQ(openDescriptors(getpid()), fdsBefore);
     }
 }

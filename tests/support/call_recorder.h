@@ -4,9 +4,9 @@
 //
 // Test executables that link test_libc_interposer route the libc functions
 // listed in libc_interposer.cpp through here (add one line there for another
-// function); linking test_watchdog_recorder as well makes the guards' arms and
-// disarms known here instead of arming anything. Only the thread that made
-// the recorder is affected.
+// function), and the watchdog guards' arms and disarms, which then arm
+// nothing. Only the thread that made the recorder is affected; one recorder
+// at a time on a thread.
 //
 //   CallRecorder recorder(InjectedFailure{"unlinkat", 2, EACCES});
 //   EXPECT_FALSE(fsutil::removeRecursive(tree));
@@ -14,6 +14,8 @@
 #pragma once
 
 #include <errno.h>
+
+#include <stdint.h>
 
 #include <functional>
 #include <set>
@@ -33,8 +35,11 @@ class CallRecorder {
   public:
     // Calls of the functions in `guarded` made while no guard is armed are
     // noted in unguardedCalls().
-    explicit CallRecorder(InjectedFailure failure = {}, std::set<std::string> guarded = {});
-    ~CallRecorder();
+    explicit CallRecorder(InjectedFailure failure = {}, std::set<std::string> guarded = {})
+        : failure_(std::move(failure)), guarded_(std::move(guarded)) {
+        sActive = this;
+    }
+    ~CallRecorder() { sActive = nullptr; }
     CallRecorder(const CallRecorder&) = delete;
     CallRecorder& operator=(const CallRecorder&) = delete;
 
@@ -46,38 +51,34 @@ class CallRecorder {
 
     // For the interposer: true when this call must fail (errno is then set).
     bool onCall(const char* function);
-    // For the watchdog recorder.
-    void onArm() { ++armed_; }
-    void onDisarm() { --armed_; }
+    // For the watchdog service: the handle of a new guard, and its end.
+    uint64_t onArm() {
+        ++armed_;
+        return 1;
+    }
+    void onDisarm(uint64_t handle) { armed_ -= handle != 0; }
 
     // The recorder of the calling thread, or null.
-    static CallRecorder* active();
+    static CallRecorder* active() { return sActive; }
 
   private:
+    static thread_local CallRecorder* sActive;
+
     const InjectedFailure failure_;
     const std::set<std::string> guarded_;
     int counted_ = 0;
     int armed_ = 0;
     std::string injected_;
     std::string unguarded_;
-    CallRecorder* const previous_;
 };
 
-// One operation for sweepFailures: `run` gives its result, `prepare` sets the
-// scene before each run (unrecorded), `done` tells afterwards whether the work
-// of a run that gave true is all there.
-struct Sweep {
-    std::function<bool()> run;
-    std::set<std::string> guarded;
-    std::function<bool()> done = [] { return true; };
-    std::function<void()> prepare = [] {};
-};
-
-// Runs the operation with its first, second, ... interposed call failing, until
-// a run meets no failure, which must give true. Every run must leave no
-// descriptor open and no guard armed, make the calls of `guarded` under a
-// guard, and give true only when `done` agrees: a failure is reported, or
-// the work is done anyway.
-void sweepFailures(const Sweep& sweep);
+// Runs `run` with its first, second, ... interposed call failing, until a run
+// meets no failure, which must give true; `prepare` sets the scene before each
+// run, unrecorded. Every run must leave no descriptor open and no guard armed,
+// make the calls of `guarded` under a guard, and give true only when `done`
+// agrees afterwards that the work is all there: a failure is reported, or the
+// work is done anyway.
+void sweepFailures(const std::function<bool()>& run, const std::set<std::string>& guarded,
+                   const std::function<bool()>& done, const std::function<void()>& prepare);
 
 }  // namespace kel::testing

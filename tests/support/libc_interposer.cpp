@@ -2,7 +2,8 @@
 // test executable: each asks the thread's CallRecorder whether to fail, then
 // hands the call to the next definition in the lookup order (the C library's,
 // or a sanitizer's). Each declaration must match the C library's,
-// noexcept included.
+// noexcept included. The watchdog service is replaced too: under a
+// CallRecorder, its guards are counted there instead of arming anything.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -11,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/watchdog/watchdog.h"
 #include "tests/support/call_recorder.h"
 
 namespace {
@@ -59,17 +61,10 @@ extern "C" int openat(int dir, const char* path, int flags, ...) {
 }
 
 KEL_INTERPOSE(ssize_t, read, (int fd, void* buffer, size_t size), (fd, buffer, size), -1)
-KEL_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), -1)
 KEL_INTERPOSE(ssize_t, copy_file_range,
               (int from, off64_t* fromOffset, int to, off64_t* toOffset, size_t size,
                unsigned flags),
               (from, fromOffset, to, toOffset, size, flags), -1)
-KEL_INTERPOSE(int, fstat, (int fd, struct stat* status), (fd, status), -1, noexcept)
-KEL_INTERPOSE(int, statx,
-              (int dir, const char* path, int flags, unsigned mask, struct statx* status),
-              (dir, path, flags, mask, status), -1, noexcept)
-KEL_INTERPOSE(int, fchmod, (int fd, mode_t mode), (fd, mode), -1, noexcept)
-KEL_INTERPOSE(int, ftruncate, (int fd, off_t size), (fd, size), -1, noexcept)
 
 // close and closedir release the descriptor even when they report a failure, as
 // on Linux: an injected failure is reported after the real call.
@@ -97,3 +92,16 @@ KEL_INTERPOSE_RELEASING(int, closedir, (DIR * directory), (directory), -1)
 
 KEL_INTERPOSE_THIRD(open, const char*, mode_t)
 KEL_INTERPOSE_THIRD(fcntl, int, void*)
+
+extern "C" int TelephonyBasebandWatchdogStartWithStackshot(uint64_t* handle, int32_t, const char*) {
+    kel::testing::CallRecorder* recorder = kel::testing::CallRecorder::active();
+    *handle = recorder != nullptr ? recorder->onArm() : 0;
+    return 0;
+}
+
+extern "C" int TelephonyBasebandWatchdogStop(uint64_t* handle) {
+    if (kel::testing::CallRecorder* recorder = kel::testing::CallRecorder::active()) {
+        recorder->onDisarm(*handle);
+    }
+    return 0;
+}
