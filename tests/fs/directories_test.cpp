@@ -42,6 +42,7 @@ TEST(DirectoriesTest, ListingMatchingAndRotation) {
     fsutil::listDirectory(root.file("missing"), names);
     EXPECT_THAT(names, ::testing::UnorderedElementsAre(".", ".."));
     EXPECT_TRUE(fsutil::findMatching(root.path(), std::regex("snap-9"), names, true));
+    EXPECT_EQ(fsutil::moveAside(root.file("e"), root.file("missing/m")), "");
     EXPECT_EQ(fsutil::moveAside(root.file("e"), root.file("m")), root.file("m-2"));
     // Links and names that match only in part are not counted.
     EXPECT_EQ(fsutil::highestNumberedPath(root.file("snap")), root.file("snap-7/"));

@@ -10,14 +10,11 @@
 #include "tests/support/call_recorder.h"
 #include "tests/support/temp_dir.h"
 
+namespace kel::testing {
 namespace {
 
-using kel::testing::CallRecorder;
-using kel::testing::InjectedFailure;
-using kel::testing::readFile;
-
 TEST(FileContentsTest, CopyFileTruncatesAndCopiesTheModeOnlyWhenAsked) {
-    const kel::testing::TempDir dir;
+    const TempDir dir;
     const std::string bytes(5000, 's');
     std::ofstream(dir.file("source")) << bytes;
     chmod(dir.file("source").c_str(), 0640);
@@ -56,8 +53,8 @@ TEST(FileContentsTest, CopyFileTruncatesAndCopiesTheModeOnlyWhenAsked) {
     }
 }
 
-TEST(FileContentsTest, ReadFileChangesNothingWithoutBytesToRead) {
-    const kel::testing::TempDir dir;
+TEST(FileContentsTest, ReadAndSizeReportFailures) {
+    const TempDir dir;
     std::ofstream(dir.file("empty"));
     std::ofstream(dir.file("five")) << "hello";
     std::vector<uint8_t> bytes(7, 7);
@@ -70,7 +67,10 @@ TEST(FileContentsTest, ReadFileChangesNothingWithoutBytesToRead) {
     std::ifstream stream(dir.file("five"));
     stream.get();
     EXPECT_TRUE(fsutil::fileSize(dir.file("five"), size) && size == 5);
+    EXPECT_FALSE(fsutil::fileSize(dir.file("missing"), size));
     EXPECT_TRUE(fsutil::streamSize(stream, size) && size == 5 && stream.tellg() == 1);
+    const CallRecorder failingRead(InjectedFailure{"read", 1});
+    EXPECT_FALSE(fsutil::readFile(dir.file("five"), bytes));
 }
 
 // A repeated close would meet a descriptor that is gone and fail.
@@ -83,3 +83,4 @@ TEST(FileContentsTest, AnInterruptedCloseIsNotRepeated) {
 }
 
 }  // namespace
+}  // namespace kel::testing

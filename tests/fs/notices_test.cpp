@@ -12,9 +12,9 @@
 
 namespace {
 
-// Shows the notices of NoticeTest, and exits with 0 when the system log got
-// `expected`, else says what it got and exits with 1.
-[[noreturn]] void showNotices(const std::vector<std::string>& expected) {
+// Shows the notices of NoticeTest, writes what the system log got to standard
+// error, and exits.
+[[noreturn]] void showNotices() {
     const kel::testing::CapturedSystemLog log;
     fsutil::displayNotice("once", "first", 0, 1.5);
     fsutil::displayNotice("once", "same title, other message", 0, 1.5);
@@ -27,7 +27,7 @@ namespace {
     for (const std::string& line : log.lines()) {
         std::fprintf(stderr, "%s\n", line.c_str());
     }
-    std::exit(log.lines() == expected ? 0 : 1);
+    std::exit(0);
 }
 
 // With no session bus to show them on, notices go to the system log, one line
@@ -38,17 +38,15 @@ TEST(NoticeTest, ShowsEachTitleOnceUnlessRepeatsAreAllowed) {
     setenv("XDG_RUNTIME_DIR", "/nonexistent", 1);
     const kel::testing::TempDir dir;
     setenv("KEL_DEVICE_DESCRIPTION", dir.file("device.json").c_str(), 1);
-    const std::vector<std::string> kShown = {"<5>once: first", "<5>twice: again", "<5>twice: again",
-                                             "<5>: plain"};
+    const char* const kShown = "^<5>once: first\n<5>twice: again\n<5>twice: again\n<5>: plain\n$";
     const struct {
-        const char* device;
-        std::vector<std::string> shown;
+        const char *device, *shown;
     } kBuilds[] = {{"{}", kShown},
                    {R"({"carrierBuild": false, "internalBuild": true})", kShown},
-                   {R"({"carrierBuild": false})", {}}};
+                   {R"({"carrierBuild": false})", "^$"}};
     for (const auto& build : kBuilds) {
         std::ofstream(dir.file("device.json")) << build.device;
-        EXPECT_EXIT(showNotices(build.shown), ::testing::ExitedWithCode(0), "") << build.device;
+        EXPECT_EXIT(showNotices(), ::testing::ExitedWithCode(0), build.shown) << build.device;
     }
 }
 
