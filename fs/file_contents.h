@@ -21,9 +21,10 @@ namespace fsutil {
 // Writes all `count` bytes to `fd`, continuing after short writes. A count of
 // 0 makes no call. An interrupted write is a failure, and so is a write that
 // reports no progress, which would otherwise repeat forever. Unlike
-// platform::writeAll, which retries EINTR for the daemon's own files, this one
-// hands an interrupted write back: a caller that breaks off a blocking write
-// (to a pipe or a socket) with a signal gets control back at once.
+// platform::writeAll, which the platform layers use for files of their own
+// and which retries EINTR, this one hands an interrupted write back: a caller
+// that breaks off a blocking write (to a pipe or a socket) with a signal gets
+// control back at once.
 [[nodiscard]] bool writeAll(int fd, const void* bytes, size_t count);
 
 // Writes all `count` bytes to `stream`, then flushes it (the flush's result is

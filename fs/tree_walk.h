@@ -111,8 +111,9 @@ class OpenDirectory {
 class TreeVisitor {
   public:
     // Whether the walk keeps inside its tree: a link goes to visitEntry like a
-    // file, and a mount point is left as it is and ends the walk with false.
-    // Otherwise links to directories are descended into, and mount points too.
+    // file, and a mount point is not walked into (leaveDirectory hears that it
+    // was not walked). Otherwise links to directories are descended into, and
+    // mount points too.
     virtual bool staysInTree() const = 0;
     // Whether each subdirectory is walked under a guard of its own.
     virtual bool guardsEachLevel() const = 0;
