@@ -14,7 +14,6 @@
 #pragma once
 
 #include <errno.h>
-
 #include <stdint.h>
 
 #include <functional>
@@ -56,7 +55,7 @@ class CallRecorder {
         ++armed_;
         return 1;
     }
-    void onDisarm(uint64_t handle) { armed_ -= handle != 0; }
+    void onDisarm(uint64_t handle) { armed_ -= handle != 0 ? 1 : 0; }
 
     // The recorder of the calling thread, or null.
     static CallRecorder* active() { return sActive; }
