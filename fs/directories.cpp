@@ -22,34 +22,37 @@ namespace fsutil {
 
 namespace {
 
+using internal::isDotOrDotDot;
 using internal::OpenDirectory;
 
-bool isDot(const std::string& name) {
-    return name == "." || name == "..";
-}
-
-// A removal walk: links are entries like files, each level under a guard.
+// A removal walk: it stays in its tree, each level under a guard.
 class Removal final : public internal::TreeVisitor {
   public:
-    bool followsLinks() const override { return false; }
+    bool staysInTree() const override { return true; }
     bool guardsEachLevel() const override { return true; }
     bool visitDot(const OpenDirectory&, const char*) override { return true; }
 
-    // remove(3) relative to the directory: unlink, and rmdir when the entry is
-    // a directory that the walk could not open (unreadable, or emptied by
-    // someone else), which goes only if it is empty.
+    // remove(3) relative to the directory: unlink, and rmdir for a directory,
+    // which goes only if it is empty.
     bool visitEntry(const OpenDirectory& directory, const char* name) override {
         WatchdogGuard guard;
         return unlinkat(directory.fd(), name, 0) == 0 ||
                (errno == EISDIR && unlinkat(directory.fd(), name, AT_REMOVEDIR) == 0);
     }
 
+    // A directory the walk cannot read (no permission, no descriptor left)
+    // goes if it is empty, and is a failure otherwise.
+    bool visitUnreadableDirectory(const OpenDirectory& directory, const char* name) override {
+        return visitEntry(directory, name);
+    }
+
     // A subdirectory whose entries are all gone is removed; whether that works
-    // does not change the result, as for the top of the tree.
+    // does not change the result, as for the top of the tree. One that was
+    // not walked (a mount point, or a failure below) stays.
     bool leaveDirectory(const OpenDirectory& parent, const char* name, bool walked) override {
         if (walked) {
             WatchdogGuard guard;
-            unlinkat(parent.fd(), name, AT_REMOVEDIR);
+            static_cast<void>(unlinkat(parent.fd(), name, AT_REMOVEDIR));
         }
         return walked;
     }
@@ -99,7 +102,7 @@ bool findMatching(const std::string& directory, const std::regex& expression,
     bool matched = false;
     while (const dirent* entry = readdir(stream.get())) {
         std::string name(internal::entryName(*entry));
-        if (isDot(name)) {
+        if (isDotOrDotDot(name)) {
             continue;
         }
         if (!std::regex_match(name, expression)) {
@@ -129,22 +132,25 @@ bool removeRecursive(const std::string& path) {
         return true;
     }
     {
-        const OpenDirectory top(path);
+        const OpenDirectory top(path, /*followLinks=*/false);
+        if (top.isUnreadableDirectory()) {
+            return removePath(path);
+        }
         Removal removal;
         if (!internal::walkTree(top, removal)) {
             return false;
         }
     }
-    removePath(path);
+    static_cast<void>(removePath(path));
     return true;
 }
 
 bool removeOlderThan(const std::string& directory, uint64_t maxAgeSeconds) {
-    const OpenDirectory top(directory);
+    const OpenDirectory top(directory, /*followLinks=*/false);
     const time_t now = time(nullptr);
     Removal removal;
     for (const internal::ListedEntry& entry : top.entries()) {
-        if (isDot(entry.name) ||
+        if (isDotOrDotDot(entry.name) ||
             (maxAgeSeconds != 0 && !isDue(top, entry.name, now, maxAgeSeconds))) {
             continue;
         }

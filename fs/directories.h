@@ -9,10 +9,12 @@
 // allocation and regex errors propagate, with every guard disarmed and every
 // descriptor closed on the way out.
 //
-// The removals never reach outside the tree they are given: inside it, a
-// symbolic link is removed as a link and never followed, also when another
-// process swaps a directory for a link while the removal runs (see
-// tree_walk.h). The path given itself is followed if it is a link.
+// The removals never reach outside the tree they are given. A symbolic link,
+// the path given included, is removed as a link and never followed, also
+// when another process swaps a directory for a link while the removal runs
+// (see tree_walk.h); only a trailing '/' makes a given path name what a link
+// there points to. A directory on which something is mounted is never
+// entered: it stays, and the removal fails there.
 #pragma once
 
 #include <stdint.h>
@@ -33,28 +35,29 @@ void listDirectory(const std::string& directory, std::vector<std::string>& names
 // `includeSymlinks`. Returns whether anything matched. A directory that cannot
 // be opened gives false and the system-log error "Error <directory> (<reason>)".
 // Unguarded.
-bool findMatching(const std::string& directory, const std::regex& expression,
-                  std::vector<std::string>& names, bool includeSymlinks);
+[[nodiscard]] bool findMatching(const std::string& directory, const std::regex& expression,
+                                std::vector<std::string>& names, bool includeSymlinks);
 
 // Removes a file, a link or an empty directory: remove(3), then unlink(2) when
 // that fails, under one guard. True when either succeeded.
-bool removePath(const std::string& path);
+[[nodiscard]] bool removePath(const std::string& path);
 
 // Removes `path` and everything under it, depth first in listing order. A
 // missing path gives true. Stops with false at the first entry that cannot be
-// removed, keeping what was removed before it and everything after it. True
-// once every entry is gone, even if `path` itself then cannot be removed.
+// removed (a mount point, a folder it cannot read that is not empty), keeping
+// what was removed before it and everything after it. True once every entry
+// is gone, even if `path` itself then cannot be removed.
 // A guard stays armed over the whole removal, and over each subdirectory's;
 // each listing and each removal has its own.
-bool removeRecursive(const std::string& path);
+[[nodiscard]] bool removeRecursive(const std::string& path);
 
 // Removes each entry of `directory` whose status changed at least
 // `maxAgeSeconds` ago (stat(2), links followed, against time(2) read once after
 // the listing); a subdirectory goes whole, whatever the age of its contents.
 // Age 0 removes every entry without reading any status. Entries whose status
 // cannot be read stay. False at the first removal that fails; true otherwise,
-// also for a directory that cannot be listed.
-bool removeOlderThan(const std::string& directory, uint64_t maxAgeSeconds);
+// also for a directory that cannot be listed or is a link.
+[[nodiscard]] bool removeOlderThan(const std::string& directory, uint64_t maxAgeSeconds);
 
 // Renames the directory `source` to uniquePath(target): `target`, or the first
 // free one of target-1, target-2, ... Returns the new path; "" when `source`

@@ -37,6 +37,17 @@ bool copyInKernel(int from, int to) {
     }
 }
 
+// Empties the destination of a copy. Only a regular file has anything to
+// truncate (a device or a pipe does not); the truncation runs under a guard,
+// as the open that would otherwise have done it.
+bool truncateForCopy(int fd, const struct stat& status) {
+    if (!S_ISREG(status.st_mode)) {
+        return true;
+    }
+    WatchdogGuard guard;
+    return ftruncate(fd, 0) == 0;
+}
+
 bool copyThroughBuffer(int from, int to) {
     char buffer[1024];
     for (;;) {
@@ -97,19 +108,25 @@ bool copyFile(const std::string& source, const std::string& destination, bool co
     if (from < 0) {
         return false;
     }
-    const int to =
-        openFile(destination, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0644);
+    // Opened without O_TRUNC: a destination that is the source itself, under
+    // any name, is found before anything of it is lost.
+    const int to = openFile(destination, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0644);
     if (to < 0) {
-        closeFile(from);
+        static_cast<void>(closeFile(from));
         return false;
     }
-    bool copied = copyInKernel(from, to) && copyThroughBuffer(from, to);
+    struct stat sourceStatus;
+    struct stat destinationStatus;
+    bool copied = fstat(from, &sourceStatus) == 0 && fstat(to, &destinationStatus) == 0 &&
+                  (sourceStatus.st_dev != destinationStatus.st_dev ||
+                   sourceStatus.st_ino != destinationStatus.st_ino) &&
+                  truncateForCopy(to, destinationStatus) && copyInKernel(from, to) &&
+                  copyThroughBuffer(from, to);
     if (copied && copyMode) {
-        struct stat status;
-        copied = fstat(from, &status) == 0 && fchmod(to, status.st_mode & 07777) == 0;
+        copied = fchmod(to, sourceStatus.st_mode & 07777) == 0;
     }
-    closeFile(to);
-    closeFile(from);
+    static_cast<void>(closeFile(to));
+    static_cast<void>(closeFile(from));
     return copied;
 }
 

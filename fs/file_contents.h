@@ -19,8 +19,12 @@
 namespace fsutil {
 
 // Writes all `count` bytes to `fd`, continuing after short writes. A count of
-// 0 makes no call. An interrupted write is a failure (not retried), and so is
-// a write that reports no progress, which would otherwise repeat forever.
+// 0 makes no call. An interrupted write is a failure, and so is a write that
+// reports no progress, which would otherwise repeat forever. Unlike
+// platform::writeAll, which the platform layers use for files of their own
+// and which retries EINTR, this one hands an interrupted write back: a caller
+// that breaks off a blocking write (to a pipe or a socket) with a signal gets
+// control back at once.
 [[nodiscard]] bool writeAll(int fd, const void* bytes, size_t count);
 
 // Writes all `count` bytes to `stream`, then flushes it (the flush's result is
@@ -35,15 +39,15 @@ namespace fsutil {
 // Closes `fd` under a guard: true when the descriptor is gone, false when it
 // was not open or the close failed (EIO and the like). An interrupted close
 // counts as done.
-bool closeFile(int fd);
+[[nodiscard]] bool closeFile(int fd);
 
 // Copies the bytes of `source` into `destination`, creating it with mode 0644
 // (less the umask) or truncating it (an existing destination keeps its
 // permissions unless `copyMode`, which gives it the source's mode afterwards).
-// A missing source creates no destination; a failure part-way leaves the
-// destination as far as it was written. Both descriptors are closed on every
-// path, the destination first. Source and destination naming the same file
-// are not detected: the truncation empties it.
+// A missing source creates no destination; a destination that is the source
+// itself (the same file under any name, or through a link) gives false and
+// changes nothing; a failure part-way leaves the destination as far as it was
+// written. Both descriptors are closed on every path, the destination first.
 [[nodiscard]] bool copyFile(const std::string& source, const std::string& destination,
                             bool copyMode);
 

@@ -2,8 +2,6 @@
 
 #include <fcntl.h>
 #include <pwd.h>
-#include <stdio.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "fs/error_log.h"
@@ -17,13 +15,13 @@ namespace {
 
 using internal::OpenDirectory;
 
-// An owner change walk: links are followed, "." and ".." are changed like any
-// entry and never descended into.
+// An owner change walk: links are followed and mount points crossed; "." and
+// ".." are changed like any entry and never descended into.
 class OwnerChange final : public internal::TreeVisitor {
   public:
     OwnerChange(uid_t uid, gid_t gid) : uid_(uid), gid_(gid) {}
 
-    bool followsLinks() const override { return true; }
+    bool staysInTree() const override { return false; }
     bool guardsEachLevel() const override { return false; }
     bool visitDot(const OpenDirectory& directory, const char* name) override {
         return visitEntry(directory, name);
@@ -32,6 +30,8 @@ class OwnerChange final : public internal::TreeVisitor {
         WatchdogGuard guard;
         return fchownat(directory.fd(), name, uid_, gid_, 0) == 0;
     }
+    // Changing the folder alone would report a walk that never went below it.
+    bool visitUnreadableDirectory(const OpenDirectory&, const char*) override { return false; }
     bool leaveDirectory(const OpenDirectory&, const char*, bool walked) override { return walked; }
 
   private:
@@ -65,23 +65,16 @@ bool changeOwner(const std::string& path, uid_t uid, gid_t gid) {
 
 bool changeOwnerRecursive(const std::string& path, uid_t uid, gid_t gid) {
     if (exists(path)) {
-        const OpenDirectory top(path);
+        const OpenDirectory top(path, /*followLinks=*/true);
         if (top.isDirectory()) {
             OwnerChange change(uid, gid);
             return internal::walkTree(top, change);
         }
+        if (top.isUnreadableDirectory()) {
+            return false;
+        }
     }
     return changeOwner(path, uid, gid);
-}
-
-bool changeMode(const std::string& path, mode_t mode) {
-    WatchdogGuard guard;
-    return chmod(path.c_str(), mode) == 0;
-}
-
-bool renamePath(const std::string& oldPath, const std::string& newPath) {
-    WatchdogGuard guard;
-    return rename(oldPath.c_str(), newPath.c_str()) == 0;
 }
 
 }  // namespace fsutil

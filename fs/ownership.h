@@ -1,5 +1,5 @@
-// Operations on the metadata of paths: the ids of two system accounts, the
-// owner of a path or of a whole tree, the mode of a path, and renaming.
+// Owners: the ids of two system accounts, and the owner of a path or of a
+// whole tree. (The mode of a path and renaming are in paths.h.)
 //
 // Each system call runs under a guard of its own. A failure is a result, never
 // an exception. Symbolic links are followed throughout, as chown(2) and
@@ -26,20 +26,19 @@ enum class Account {
 [[nodiscard]] bool getAccountIds(Account account, uid_t& uid, gid_t& gid);
 
 // chown(2) under a guard; true when it succeeded.
-bool changeOwner(const std::string& path, uid_t uid, gid_t gid);
+[[nodiscard]] bool changeOwner(const std::string& path, uid_t uid, gid_t gid);
 
 // Gives `path` and, if it is a directory, everything under it to uid:gid, in
-// listing order, descending into links to directories. A directory gets the
-// new owner through its "." entry, and the directory above it through its
-// ".." entry, so the one that contains `path` changes too. Stops with false at
-// the first chown that fails, keeping the changes made before it, and when a
-// link leads back into a directory being walked (a cycle).
-bool changeOwnerRecursive(const std::string& path, uid_t uid, gid_t gid);
-
-// chmod(2) under a guard; true when it succeeded.
-bool changeMode(const std::string& path, mode_t mode);
-
-// rename(2) under a guard: replaces whatever `newPath` names, as rename does.
-bool renamePath(const std::string& oldPath, const std::string& newPath);
+// listing order. Stops with false at the first chown that fails, at a
+// directory it cannot open or read (no permission, no descriptor left), and
+// when a link leads back into a directory being walked (a cycle), keeping the
+// changes made before.
+//
+// Warning: this reaches outside the tree, by design. Links are followed, to
+// files and into directories anywhere; and each directory's ".." entry is
+// changed like any other, so the directory that contains `path` changes
+// too. Run by root on a tree that others can write, it gives away whatever
+// they link to. Use it only on trees whose contents you trust.
+[[nodiscard]] bool changeOwnerRecursive(const std::string& path, uid_t uid, gid_t gid);
 
 }  // namespace fsutil

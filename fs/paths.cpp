@@ -107,4 +107,14 @@ std::string uniquePathBeforeExtension(const std::string& path) {
     }
 }
 
+bool changeMode(const std::string& path, mode_t mode) {
+    WatchdogGuard guard;
+    return chmod(path.c_str(), mode) == 0;
+}
+
+bool renamePath(const std::string& oldPath, const std::string& newPath) {
+    WatchdogGuard guard;
+    return rename(oldPath.c_str(), newPath.c_str()) == 0;
+}
+
 }  // namespace fsutil

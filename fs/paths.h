@@ -1,6 +1,7 @@
-// Small path operations on byte-string paths. Existence tests and directory
-// creation run under a WatchdogGuard, one guard per system call; the listing
-// step of isDirectory does not.
+// Small path operations on byte-string paths: existence, directory creation,
+// splitting, free names, and a path's mode and name. Existence tests, directory
+// creation, mode changes and renames run under a WatchdogGuard, one guard per
+// system call; the listing step of isDirectory does not.
 //
 // Paths are passed to the system unchanged (no normalisation, no encoding). A
 // file-system failure is a result (false, or an empty string), never an
@@ -47,5 +48,11 @@ namespace fsutil {
 // Returns "" when an existing path contains a line feed or carriage return,
 // which the name pattern does not match.
 [[nodiscard]] std::string uniquePathBeforeExtension(const std::string& path);
+
+// chmod(2) under a guard (links followed); true when it succeeded.
+[[nodiscard]] bool changeMode(const std::string& path, mode_t mode);
+
+// rename(2) under a guard: replaces whatever `newPath` names, as rename does.
+[[nodiscard]] bool renamePath(const std::string& oldPath, const std::string& newPath);
 
 }  // namespace fsutil

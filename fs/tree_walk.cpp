@@ -1,8 +1,10 @@
 #include "fs/tree_walk.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -36,9 +38,10 @@ std::string_view entryName(const dirent& entry) {
     return {entry.d_name, strnlen(entry.d_name, room)};
 }
 
-OpenDirectory::OpenDirectory(const std::string& path) {
+OpenDirectory::OpenDirectory(const std::string& path, bool followLinks) {
     WatchdogGuard guard;
-    list(openat(AT_FDCWD, path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    list(openat(AT_FDCWD, path.c_str(),
+                O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followLinks ? 0 : O_NOFOLLOW)));
 }
 
 OpenDirectory::OpenDirectory(const OpenDirectory& parent, const char* name, bool followLinks)
@@ -52,23 +55,38 @@ OpenDirectory::~OpenDirectory() = default;
 
 void OpenDirectory::list(int fd) {
     if (fd < 0) {
+        error_ = errno;
         return;
     }
     DIR* stream = fdopendir(fd);
     if (stream == nullptr) {
-        ::close(fd);
+        error_ = errno;
+        static_cast<void>(::close(fd));
         return;
     }
     stream_.reset(stream);
-    // Inode 0 marks an unknown identity, which never repeats an ancestor.
-    struct stat status;
-    if (fstat(fd, &status) == 0) {
-        device_ = status.st_dev;
-        inode_ = status.st_ino;
+    // A level whose identity is unknown cannot be told from its ancestors or
+    // from a mount point: it counts as unreadable.
+    struct statx status;
+    if (statx(fd, "", AT_EMPTY_PATH, STATX_INO | STATX_MNT_ID, &status) != 0) {
+        error_ = errno;
+        return;
     }
-    while (const dirent* entry = readdir(stream)) {
+    device_ = makedev(status.stx_dev_major, status.stx_dev_minor);
+    inode_ = status.stx_ino;
+    mount_ = (status.stx_mask & STATX_MNT_ID) != 0 ? status.stx_mnt_id : 0;
+    // readdir tells its end from a failure only by errno.
+    for (errno = 0; const dirent* entry = readdir(stream); errno = 0) {
         entries_.push_back({std::string(entryName(*entry)), entry->d_type});
     }
+    if (errno != 0) {
+        error_ = errno;
+        entries_.clear();
+    }
+}
+
+bool OpenDirectory::isUnreadableDirectory() const {
+    return error_ != 0 && error_ != ENOTDIR && error_ != ELOOP && error_ != ENOENT;
 }
 
 int OpenDirectory::fd() const {
@@ -77,11 +95,15 @@ int OpenDirectory::fd() const {
 
 bool OpenDirectory::repeatsAnAncestor() const {
     for (const OpenDirectory* above = parent_; above != nullptr; above = above->parent_) {
-        if (inode_ != 0 && above->device_ == device_ && above->inode_ == inode_) {
+        if (above->device_ == device_ && above->inode_ == inode_) {
             return true;
         }
     }
     return false;
+}
+
+bool OpenDirectory::isMountPoint() const {
+    return parent_ != nullptr && (parent_->device_ != device_ || parent_->mount_ != mount_);
 }
 
 void OpenDirectory::close() {
@@ -90,23 +112,27 @@ void OpenDirectory::close() {
 
 bool walkEntry(const OpenDirectory& directory, const ListedEntry& entry, TreeVisitor& visitor) {
     const char* name = entry.name.c_str();
-    if (entry.name == "." || entry.name == "..") {
+    if (isDotOrDotDot(entry.name)) {
         return visitor.visitDot(directory, name);
     }
-    if (!mayBeDirectory(directory, entry, visitor.followsLinks())) {
+    const bool followLinks = !visitor.staysInTree();
+    if (!mayBeDirectory(directory, entry, followLinks)) {
         return visitor.visitEntry(directory, name);
     }
     std::optional<WatchdogGuard> levelGuard;
     if (visitor.guardsEachLevel()) {
         levelGuard.emplace();
     }
-    OpenDirectory child(directory, name, visitor.followsLinks());
+    OpenDirectory child(directory, name, followLinks);
     if (!child.isDirectory()) {
         child.close();
         levelGuard.reset();
-        return visitor.visitEntry(directory, name);
+        return child.isUnreadableDirectory() ? visitor.visitUnreadableDirectory(directory, name)
+                                             : visitor.visitEntry(directory, name);
     }
-    const bool walked = !child.repeatsAnAncestor() && walkTree(child, visitor);
+    const bool walked = !child.repeatsAnAncestor() &&
+                        !(visitor.staysInTree() && child.isMountPoint()) &&
+                        walkTree(child, visitor);
     child.close();
     return visitor.leaveDirectory(directory, name, walked);
 }

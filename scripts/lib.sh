@@ -4,7 +4,8 @@
 repo_root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
 # Debian packages that building and running the daemon needs.
-kel_build_packages=(cmake ninja-build g++ pkg-config nlohmann-json3-dev libsystemd-dev libdw-dev)
+kel_build_packages=(cmake ninja-build g++ pkg-config nlohmann-json3-dev libsystemd-dev libdw-dev
+                    libseccomp-dev)
 # What building the Debian package adds: debhelper, and systemd for the paths
 # of its units (systemd.pc) and for systemd-analyze.
 kel_package_packages=(dpkg-dev debhelper systemd lintian)

@@ -84,7 +84,7 @@ class KeptTree {
         mkdir(scratch_.c_str(), 0755);
         buildTree(path(), folders, files);
     }
-    ~KeptTree() { fsutil::removeRecursive(scratch_); }
+    ~KeptTree() { static_cast<void>(fsutil::removeRecursive(scratch_)); }
     std::string path() const { return scratch_ + "/tree"; }
 
   private:

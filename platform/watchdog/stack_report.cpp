@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <seccomp.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -135,6 +136,24 @@ std::string schedulerState(pid_t tid) {
     const std::string stat = readProcFile(tid, "stat");
     const size_t close = stat.rfind(')');
     return close != std::string::npos && close + 2 < stat.size() ? stat.substr(close + 2, 1) : "?";
+}
+
+// What /proc/.../syscall says, with the number of the call the thread is
+// blocked in ("257 0x3 ...") replaced by its name ("openat 0x3 ...") where
+// libseccomp knows it. "running", and -1 for a thread outside any call, stay.
+std::string nameSystemCall(const std::string& text) {
+    char* rest = nullptr;
+    const long number = strtol(text.c_str(), &rest, 10);
+    if (rest == text.c_str() || number < 0 || number > INT_MAX) {
+        return text;
+    }
+    char* name = seccomp_syscall_resolve_num_arch(SCMP_ARCH_NATIVE, static_cast<int>(number));
+    if (name == nullptr) {
+        return text;
+    }
+    std::string named = name + std::string(rest);
+    free(name);
+    return named;
 }
 
 // The part of elfutils' libdw that the reports use, loaded with the first
@@ -273,7 +292,7 @@ std::string writeSnapshotFile(pid_t tid, const std::vector<std::string>& lines) 
     static unsigned sSequence = 0;
     const std::string folder = kel::trace::kSnapshotFolder;
     // A failure shows as the open's error below.
-    (void)platform::makeDirectories(folder, 0755);
+    static_cast<void>(platform::makeDirectories(folder, 0755));
     const std::string path =
         folder + platform::stringPrintf("stackshot-%d-%d-%u.txt", static_cast<int>(getpid()),
                                         static_cast<int>(tid), ++sSequence);
@@ -299,7 +318,7 @@ void writeStackReport(pid_t tid, const char* reason, int32_t timeoutMs, int64_t 
     // signal wakes it.
     const std::string blockedIn = "state: " + schedulerState(tid) +
                                   ", wchan: " + readProcFile(tid, "wchan") +
-                                  ", syscall: " + readProcFile(tid, "syscall");
+                                  ", syscall: " + nameSystemCall(readProcFile(tid, "syscall"));
     const int depth = captureStack(tid);
 
     std::vector<std::string> lines;

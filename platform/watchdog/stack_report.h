@@ -3,7 +3,8 @@
 //
 // A report names the reason, the time, the process, the thread that armed the
 // guard (id and name), what that thread is blocked in (scheduler state, wait
-// channel, system call, from /proc, read before the thread is signalled) and
+// channel, and the system call by name with its arguments, from /proc, read
+// before the thread is signalled) and
 // its backtrace, captured by the thread itself in a handler of
 // platform::stackReportSignal() and symbolised afterwards on the monitor
 // thread, with source files and lines where there is debug information. It

@@ -1,25 +1,24 @@
-// CallRecorder: records which libc calls a thread makes, and makes one of them
-// fail, for tests of code that runs system calls step by step.
+// CallRecorder: makes one libc call of a thread fail and watches the watchdog
+// guards around the calls, for tests of code that runs system calls step by
+// step.
 //
 // Test executables that link test_libc_interposer route the libc functions
 // listed in libc_interposer.cpp through here (add one line there for another
-// function). While a CallRecorder lives on a thread, every such call that
-// thread makes is appended to the log under the function's name; the other
-// threads are not affected. Linking test_watchdog_recorder as well puts the
-// watchdog guards into the same log: "[" for an arm, "]" for the disarm of the
-// innermost armed guard, "]!" for any other disarm.
+// function), and the watchdog guards' arms and disarms, which then arm
+// nothing. Only the thread that made the recorder is affected; one recorder
+// at a time on a thread.
 //
 //   CallRecorder recorder(InjectedFailure{"unlinkat", 2, EACCES});
 //   EXPECT_FALSE(fsutil::removeRecursive(tree));
-//   EXPECT_TRUE(recorder.injected());
-//   EXPECT_EQ(recorder.armedGuards(), 0);
+//   EXPECT_EQ(recorder.injected(), "unlinkat");
 #pragma once
 
 #include <errno.h>
+#include <stdint.h>
 
 #include <functional>
+#include <set>
 #include <string>
-#include <vector>
 
 namespace kel::testing {
 
@@ -33,47 +32,52 @@ struct InjectedFailure {
 
 class CallRecorder {
   public:
-    CallRecorder() : CallRecorder(InjectedFailure{}) {}
-    explicit CallRecorder(InjectedFailure failure);
-    ~CallRecorder();
+    // Calls of the functions in `guarded` made while no guard is armed are
+    // noted in unguardedCalls().
+    explicit CallRecorder(InjectedFailure failure = {}, std::set<std::string> guarded = {})
+        : failure_(std::move(failure)), guarded_(std::move(guarded)) {
+        sActive = this;
+    }
+    ~CallRecorder() { sActive = nullptr; }
     CallRecorder(const CallRecorder&) = delete;
     CallRecorder& operator=(const CallRecorder&) = delete;
 
-    // The calls and guard marks so far, separated by spaces.
-    std::string log() const;
-    // Whether the injected failure was reached.
-    bool injected() const { return injected_; }
-    // Guards armed and not yet disarmed.
-    int armedGuards() const { return static_cast<int>(armed_.size()); }
+    // The function whose call was made to fail; empty until then.
+    const std::string& injected() const { return injected_; }
+    int armedGuards() const { return armed_; }
+    // The guarded functions called outside any guard, separated by spaces.
+    const std::string& unguardedCalls() const { return unguarded_; }
 
-    // For the interposer: records `event`; true when this call must fail (its
-    // errno is then set).
+    // For the interposer: true when this call must fail (errno is then set).
     bool onCall(const char* function);
-    // For the watchdog recorder.
-    uint64_t onArm();
-    bool onDisarm(uint64_t handle);
+    // For the watchdog service: the handle of a new guard, and its end.
+    uint64_t onArm() {
+        ++armed_;
+        return 1;
+    }
+    void onDisarm(uint64_t handle) { armed_ -= handle != 0 ? 1 : 0; }
 
     // The recorder of the calling thread, or null.
-    static CallRecorder* active();
+    static CallRecorder* active() { return sActive; }
 
   private:
-    void record(const char* event);
+    static thread_local CallRecorder* sActive;
 
-    InjectedFailure failure_;
+    const InjectedFailure failure_;
+    const std::set<std::string> guarded_;
     int counted_ = 0;
-    bool injected_ = false;
-    std::vector<std::string> events_;
-    std::vector<uint64_t> armed_;
-    uint64_t nextHandle_ = 1;
-    CallRecorder* previous_;
+    int armed_ = 0;
+    std::string injected_;
+    std::string unguarded_;
 };
 
-// Runs `run` with its first, second, ... interposed call failing until a run
-// meets no failure, after `prepare` each time (outside the recording). Every
-// run must leave no descriptor open and no guard armed, and the run without a
-// failure must succeed. Returns the calls and guards of that run, each call
-// followed by ":f" when its failure made `run` give false.
-std::string sweepFailures(
-    const std::function<bool()>& run, const std::function<void()>& prepare = [] {});
+// Runs `run` with its first, second, ... interposed call failing, until a run
+// meets no failure, which must give true; `prepare` sets the scene before each
+// run, unrecorded. Every run must leave no descriptor open and no guard armed,
+// make the calls of `guarded` under a guard, and give true only when `done`
+// agrees afterwards that the work is all there: a failure is reported, or the
+// work is done anyway.
+void sweepFailures(const std::function<bool()>& run, const std::set<std::string>& guarded,
+                   const std::function<bool()>& done, const std::function<void()>& prepare);
 
 }  // namespace kel::testing
