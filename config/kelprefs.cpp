@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "config/kel_properties.h"
+#include "fs/paths.h"
 #include "platform/strings/format.h"
 #include "platform/telephony/preferences_file.h"
 
@@ -292,6 +293,13 @@ int edit(const std::string& path, const std::string& key,
     // A new file gets what any new file of this user would get.
     const mode_t mask = umask(0);
     umask(mask);
+    const size_t slash = path.rfind('/');
+    // A write makes the folder and its parents (~/.config/kel) when missing.
+    if (value && slash != std::string::npos && slash > 0 &&
+        !fsutil::makeDirectory(path.substr(0, slash), 0755, /*recursive=*/true)) {
+        fprintf(stderr, "kelprefs: cannot create the folder %s\n", path.substr(0, slash).c_str());
+        return kExitError;
+    }
     std::string error;
     switch (lum::editPreference(path, key, value, 0666 & ~mask, kLockTimeout, error)) {
         case lum::EditResult::kDone:

@@ -4,8 +4,8 @@
 
 namespace fsutil {
 
-WatchdogGuard::WatchdogGuard() : reason_(kWatchdogReason), handle_(0) {
-    TelephonyBasebandWatchdogStartWithStackshot(&handle_, kWatchdogTimeoutMs, reason_);
+WatchdogGuard::WatchdogGuard() : handle_(0) {
+    TelephonyBasebandWatchdogStartWithStackshot(&handle_, kWatchdogTimeoutMs, kWatchdogReason);
 }
 
 WatchdogGuard::~WatchdogGuard() noexcept {

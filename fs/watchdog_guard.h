@@ -27,7 +27,6 @@ class [[nodiscard]] WatchdogGuard {
     WatchdogGuard& operator=(WatchdogGuard&&) = delete;
 
   private:
-    const char* reason_;
     uint64_t handle_;
 };
 

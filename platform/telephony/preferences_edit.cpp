@@ -209,10 +209,6 @@ EditResult editPreference(const std::string& path, const std::string& key,
     const std::string folder = slash == std::string::npos ? "."
                                : slash == 0               ? "/"
                                                           : path.substr(0, slash);
-    if (!platform::makeDirectories(folder, 0755)) {
-        error = systemError("cannot create " + folder);
-        return EditResult::kFailed;
-    }
     const platform::UniqueFd folderFd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const int lockError = folderFd.valid() ? lockFolder(folderFd.get(), lockTimeout) : errno;
     if (lockError != 0) {

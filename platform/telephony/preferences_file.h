@@ -47,8 +47,8 @@ enum class EditResult {
 // The file is replaced whole or not at all: the new content goes to a
 // temporary file ".<name>.new-XXXXXX" in the same folder, which is synced,
 // takes the old file's permission bits (`newFileMode` when there was no file)
-// and is renamed over it; then the folder is synced. The folder is created
-// when missing. Edits of one folder by several processes are serialised with a
+// and is renamed over it; then the folder is synced. The folder must exist
+// (see fsutil::makeDirectory). Edits of one folder by several processes are serialised with a
 // lock on the folder, so that none is lost; an edit waits at most
 // `lockTimeout` for it. The wait is one blocking lock that a SIGALRM timer
 // aimed at the calling thread ends: meanwhile SIGALRM has a handler that does

@@ -24,6 +24,7 @@
 #include "platform/posix/clock.h"
 #include "platform/posix/file_util.h"
 #include "platform/posix/futex.h"
+#include "platform/posix/safe_open.h"
 #include "platform/posix/signal_mask.h"
 #include "platform/posix/unique_fd.h"
 #include "platform/strings/format.h"
@@ -290,13 +291,19 @@ std::string wallClockNow() {
 // note saying why there is none.
 std::string writeSnapshotFile(pid_t tid, const std::vector<std::string>& lines) {
     static unsigned sSequence = 0;
-    const std::string folder = kel::trace::kSnapshotFolder;
-    // A failure shows as the open's error below.
-    static_cast<void>(platform::makeDirectories(folder, 0755));
-    const std::string path =
-        folder + platform::stringPrintf("stackshot-%d-%d-%u.txt", static_cast<int>(getpid()),
-                                        static_cast<int>(tid), ++sSequence);
-    const platform::UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    // Only the folder's last component is made; a folder that another user
+    // could change, and anything already at the report's name, are never
+    // written into.
+    const std::string folderPath = kel::trace::kSnapshotFolder;
+    const platform::CheckedFd folder = platform::openTrustedFolder(folderPath, /*make=*/true);
+    if (!folder.fd.valid()) {
+        return "(not written: " + folder.why + ")";
+    }
+    const std::string name = platform::stringPrintf(
+        "stackshot-%d-%d-%u.txt", static_cast<int>(getpid()), static_cast<int>(tid), ++sSequence);
+    const std::string path = folderPath + name;
+    const platform::UniqueFd fd(openat(folder.fd.get(), name.c_str(),
+                                       O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!fd.valid()) {
         return "(not written: " + std::string(strerror(errno)) + ")";
     }

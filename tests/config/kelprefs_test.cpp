@@ -116,6 +116,9 @@ TEST_F(KelprefsTest, CommandLines) {
     struct stat status {};
     ASSERT_EQ(stat(store_.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0640u);
+    // A write makes the store's folder and its parents.
+    EXPECT_EQ(run("write k --int 1", "KEL_PREFERENCES_DIR=" + folder_.file("a/b")).status, 0);
+    EXPECT_EQ(access(folder_.file("a/b/org.kel.basebandmanager.json").c_str(), F_OK), 0);
 }
 
 TEST_F(KelprefsTest, AWriteKilledAtAnyMomentLeavesTheOldOrTheNewFileWhole) {
