@@ -139,16 +139,30 @@ std::string schedulerState(pid_t tid) {
     return close != std::string::npos && close + 2 < stat.size() ? stat.substr(close + 2, 1) : "?";
 }
 
+// libseccomp's table of system call names, loaded with the first report
+// that needs it, as libdw is (see DwarfLibrary): a daemon that never hangs
+// never maps it. Null when libseccomp is not installed.
+decltype(&seccomp_syscall_resolve_num_arch) systemCallNamer() {
+    static const auto sResolve = [] {
+        // Never unloaded: the monitor may write another report later.
+        void* handle = dlopen("libseccomp.so.2", RTLD_NOW | RTLD_LOCAL);
+        return reinterpret_cast<decltype(&seccomp_syscall_resolve_num_arch)>(
+            handle != nullptr ? dlsym(handle, "seccomp_syscall_resolve_num_arch") : nullptr);
+    }();
+    return sResolve;
+}
+
 // What /proc/.../syscall says, with the number of the call the thread is
 // blocked in ("257 0x3 ...") replaced by its name ("openat 0x3 ...") where
 // libseccomp knows it. "running", and -1 for a thread outside any call, stay.
 std::string nameSystemCall(const std::string& text) {
     char* rest = nullptr;
     const long number = strtol(text.c_str(), &rest, 10);
-    if (rest == text.c_str() || number < 0 || number > INT_MAX) {
+    const auto resolve = systemCallNamer();
+    if (rest == text.c_str() || number < 0 || number > INT_MAX || resolve == nullptr) {
         return text;
     }
-    char* name = seccomp_syscall_resolve_num_arch(SCMP_ARCH_NATIVE, static_cast<int>(number));
+    char* name = resolve(SCMP_ARCH_NATIVE, static_cast<int>(number));
     if (name == nullptr) {
         return text;
     }
