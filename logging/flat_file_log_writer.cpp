@@ -28,9 +28,9 @@ platform::CheckedFd openLockedAndTruncated(const std::string& path) {
     const size_t slash = path.rfind('/');
     const std::string folderPath = slash == std::string::npos ? "." : path.substr(0, slash + 1);
     const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    const platform::CheckedFd folder = platform::openTrustedFolder(folderPath);
+    platform::CheckedFd folder = platform::openTrustedFolder(folderPath);
     if (!folder.fd.valid()) {
-        return {platform::UniqueFd(), folder.error, folder.why};
+        return folder;
     }
     platform::CheckedFd file = platform::openOwnFile(folder.fd.get(), folderPath, name, 0666);
     if (!file.fd.valid()) {
@@ -38,13 +38,13 @@ platform::CheckedFd openLockedAndTruncated(const std::string& path) {
     }
     if (platform::retryOnEintr([&] { return flock(file.fd.get(), LOCK_EX | LOCK_NB); }) != 0) {
         const int error = errno;
-        return {platform::UniqueFd(), error == EWOULDBLOCK ? 0 : error,
-                error == EWOULDBLOCK ? path + " is kept by another process"
-                                     : path + ": cannot lock it: " + strerror(error)};
+        return {.error = error == EWOULDBLOCK ? 0 : error,
+                .why = error == EWOULDBLOCK ? path + " is kept by another process"
+                                            : path + ": cannot lock it: " + strerror(error)};
     }
     if (ftruncate(file.fd.get(), 0) != 0) {
         const int error = errno;
-        return {platform::UniqueFd(), error, path + ": cannot truncate it: " + strerror(error)};
+        return {.error = error, .why = path + ": cannot truncate it: " + strerror(error)};
     }
     return file;
 }

@@ -37,13 +37,12 @@ extern "C" int sCanHostHelperServer() {
     if (!folder.fd.valid()) {
         return 0;
     }
+    // A lock file left open to others (by an older installation) is closed to
+    // them; it is this user's, as openRegularFile checks.
     platform::CheckedFd file = platform::openRegularFile(
         folder.fd.get(), folder.path, kel::runtime_paths::kLockName, O_RDWR, 0600);
-    struct stat status;
-    if (file.fd.valid() && fstat(file.fd.get(), &status) == 0 && (status.st_mode & 077) != 0 &&
-        fchmod(file.fd.get(), 0600) != 0) {
-        file.why = folder.path + "/" + kel::runtime_paths::kLockName +
-                   " can be opened by other users, and only its owner can change that";
+    if (file.fd.valid() && (file.status.st_mode & 077) != 0 && fchmod(file.fd.get(), 0600) != 0) {
+        file.why = folder.path + "/" + kel::runtime_paths::kLockName + ": " + strerror(errno);
         file.fd.reset();
     }
     if (!file.fd.valid()) {

@@ -10,15 +10,23 @@
 
 namespace kel::runtime_paths {
 
+namespace {
+
+// Nobody else may add anything here: a lock file of another user's would keep
+// this one from ever hosting.
+constexpr platform::FolderRules kRules{.make = true, .stickyIsEnough = false};
+
+}  // namespace
+
 RuntimeFolder openRuntimeFolder() {
     RuntimeFolder folder;
     platform::CheckedFd opened;
     if (std::optional<std::string> dir = platform::pathInRuntimeDir({})) {
         folder.path = std::move(*dir);
-        opened = platform::openTrustedFolder(folder.path, /*make=*/true);
+        opened = platform::openTrustedFolder(folder.path, kRules);
     } else if (KEL_HELPER_RUNTIME_FOLDER[0] != '\0') {
         folder.path = KEL_HELPER_RUNTIME_FOLDER;
-        opened = platform::openTrustedFolder(folder.path, /*make=*/true);
+        opened = platform::openTrustedFolder(folder.path, kRules);
     } else {
         folder.path = "/tmp/kel-" + std::to_string(geteuid());
         opened = platform::openPrivateFolder(folder.path);

@@ -10,7 +10,8 @@
 // mode 0700, and refused unless it is this user's, has mode 0700 and is no
 // link. Any other runtime folder is made with mode 0700 when missing (not its
 // parents) and refused when it is a link, or when anybody but this user and
-// root owns it or may write in it.
+// root owns it or may write in it, sticky bit or not. The lock file in it
+// must be this user's.
 #pragma once
 
 #include <string>

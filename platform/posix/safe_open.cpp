@@ -61,26 +61,29 @@ std::string withoutTrailingSlashes(const std::string& path) {
     return end == std::string::npos ? path.substr(0, 1) : path.substr(0, end + 1);
 }
 
-CheckedFd openFolder(const std::string& path, struct stat& status) {
+CheckedFd opened(UniqueFd fd, const std::string& path) {
+    CheckedFd result;
+    if (fstat(fd.get(), &result.status) != 0) {
+        return failed(path, errno);
+    }
+    result.fd = std::move(fd);
+    return result;
+}
+
+CheckedFd openFolder(const std::string& path) {
     const std::string folder = withoutTrailingSlashes(path);
     UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd.valid()) {
-        return failed(folder, errno);
-    }
-    if (fstat(fd.get(), &status) != 0) {
-        return failed(folder, errno);
-    }
-    return {std::move(fd), 0, {}};
+    return fd.valid() ? opened(std::move(fd), folder) : failed(folder, errno);
 }
 
 }  // namespace
 
-CheckedFd openTrustedFolder(const std::string& path, bool make) {
-    if (make && mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+CheckedFd openTrustedFolder(const std::string& path, FolderRules rules) {
+    if (rules.make && mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
         return failed(path, errno);
     }
-    struct stat status;
-    CheckedFd folder = openFolder(path, status);
+    CheckedFd folder = openFolder(path);
+    const struct stat& status = folder.status;
     if (!folder.fd.valid()) {
         return folder;
     }
@@ -88,9 +91,10 @@ CheckedFd openTrustedFolder(const std::string& path, bool make) {
         return refused(stringPrintf("%s belongs to uid %u, neither this user nor root",
                                     path.c_str(), static_cast<unsigned>(status.st_uid)));
     }
-    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (status.st_mode & S_ISVTX) == 0) {
-        return refused(stringPrintf("%s is writable by other users (mode %04o, no sticky bit)",
-                                    path.c_str(), status.st_mode & 07777));
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 &&
+        !(rules.stickyIsEnough && (status.st_mode & S_ISVTX) != 0)) {
+        return refused(stringPrintf("%s is writable by other users (mode %04o)", path.c_str(),
+                                    status.st_mode & 07777));
     }
     return folder;
 }
@@ -100,8 +104,8 @@ CheckedFd openPrivateFolder(const std::string& path) {
     if (!made && errno != EEXIST) {
         return failed(path, errno);
     }
-    struct stat status;
-    CheckedFd folder = openFolder(path, status);
+    CheckedFd folder = openFolder(path);
+    struct stat& status = folder.status;
     if (folder.fd.valid() && made && fchmod(folder.fd.get(), 0700) == 0) {
         status.st_mode = S_IFDIR | 0700;  // the umask may have taken more
     }
@@ -121,30 +125,26 @@ CheckedFd openRegularFile(int folderFd, const std::string& folderPath, const std
         return openat(folderFd, name.c_str(),
                       flags | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode);
     }));
-    struct stat status;
-    if (!fd.valid() || fstat(fd.get(), &status) != 0) {
-        return failed(path, errno);
+    CheckedFd file = fd.valid() ? opened(std::move(fd), path) : failed(path, errno);
+    if (!file.fd.valid()) {
+        return file;
     }
-    if (!S_ISREG(status.st_mode)) {
-        return refused(path + " is " + kindOf(status.st_mode));
+    if (!S_ISREG(file.status.st_mode)) {
+        return refused(path + " is " + kindOf(file.status.st_mode));
     }
-    return {std::move(fd), 0, {}};
+    if (file.status.st_uid != geteuid()) {
+        return refused(stringPrintf("%s belongs to uid %u, not to this user", path.c_str(),
+                                    static_cast<unsigned>(file.status.st_uid)));
+    }
+    return file;
 }
 
 CheckedFd openOwnFile(int folderFd, const std::string& folderPath, const std::string& name,
                       mode_t mode) {
-    CheckedFd file = openRegularFile(folderFd, folderPath, name, O_WRONLY, mode);
-    struct stat status;
-    if (!file.fd.valid() || fstat(file.fd.get(), &status) != 0) {
-        return file;
-    }
-    const std::string path = withoutTrailingSlashes(folderPath) + "/" + name;
-    if (status.st_uid != geteuid()) {
-        return refused(stringPrintf("%s belongs to uid %u, not to this user", path.c_str(),
-                                    static_cast<unsigned>(status.st_uid)));
-    }
-    if (status.st_nlink != 1) {
-        return refused(path + " has other names (hard links)");
+    CheckedFd file = openRegularFile(folderFd, folderPath, name, O_WRONLY | O_APPEND, mode);
+    if (file.fd.valid() && file.status.st_nlink != 1) {
+        return refused(withoutTrailingSlashes(folderPath) + "/" + name +
+                       " has other names (hard links)");
     }
     return file;
 }

@@ -6,6 +6,7 @@
 // call that failed, or a refusal of the checks, as words for a message.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <string>
@@ -15,7 +16,9 @@
 namespace platform {
 
 struct CheckedFd {
-    UniqueFd fd;
+    UniqueFd fd{};
+    // What was opened, as fstat saw it; valid with `fd`.
+    struct stat status {};
     // The errno of the call that failed; 0 when the checks refused.
     int error = 0;
     // What is wrong, naming the path ("/tmp/x is a symbolic link"); empty
@@ -23,12 +26,19 @@ struct CheckedFd {
     std::string why;
 };
 
+struct FolderRules {
+    // Make a missing folder (mode 0700, not its parents) first.
+    bool make = false;
+    // Take a folder that group or others may write when it has the sticky bit
+    // (as /tmp has): they may then add entries, which what opens files in it
+    // must check, but not replace this user's.
+    bool stickyIsEnough = true;
+};
+
 // Opens the folder `path` (a link in its place is refused) and checks that
-// nobody but this user and root can add or replace entries in it: it is owned
-// by one of them, and not writable by group or others unless it has the
-// sticky bit (as /tmp has). With `make`, a missing folder is made first with
-// mode 0700 (not its parents).
-[[nodiscard]] CheckedFd openTrustedFolder(const std::string& path, bool make = false);
+// nobody but this user and root can replace entries in it: it is owned by one
+// of them, and not writable by group or others (see FolderRules).
+[[nodiscard]] CheckedFd openTrustedFolder(const std::string& path, FolderRules rules = {});
 
 // Opens this user's private folder `path`, made with mode 0700 when missing
 // (its parent must exist), and checks it: a folder, not a link, owned by this
@@ -37,13 +47,13 @@ struct CheckedFd {
 
 // Opens `name` in the folder `folderFd` with `flags` (O_RDWR or O_WRONLY),
 // created with `mode` (less the umask) when missing and never truncated, and
-// checks that it is a regular file.
+// checks that it is a regular file of this user.
 [[nodiscard]] CheckedFd openRegularFile(int folderFd, const std::string& folderPath,
                                         const std::string& name, int flags, mode_t mode);
 
-// As openRegularFile, for writing, and also checks that the file is this
-// user's and has no other name: a hard link that another user made to a file
-// elsewhere is refused, as is any file of theirs.
+// As openRegularFile, for writing at its end, and also checks that the file
+// has no other name: a hard link that another user made to a file of this
+// user's elsewhere is refused.
 [[nodiscard]] CheckedFd openOwnFile(int folderFd, const std::string& folderPath,
                                     const std::string& name, mode_t mode);
 

@@ -309,7 +309,7 @@ std::string writeSnapshotFile(pid_t tid, const std::vector<std::string>& lines) 
     // could change, and anything already at the report's name, are never
     // written into.
     const std::string folderPath = kel::trace::kSnapshotFolder;
-    const platform::CheckedFd folder = platform::openTrustedFolder(folderPath, /*make=*/true);
+    const platform::CheckedFd folder = platform::openTrustedFolder(folderPath, {.make = true});
     if (!folder.fd.valid()) {
         return "(not written: " + folder.why + ")";
     }
