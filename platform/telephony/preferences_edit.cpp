@@ -1,22 +1,20 @@
 // Changing one key of a domain's file, atomically.
 #include <dirent.h>
 #include <fcntl.h>
-#include <pthread.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/file.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string_view>
+#include <thread>
 
-#include "platform/posix/clock.h"
 #include "platform/posix/eintr.h"
 #include "platform/posix/file_util.h"
 #include "platform/posix/unique_fd.h"
@@ -32,80 +30,34 @@ using Document = nlohmann::ordered_json;
 // mkostemp).
 constexpr std::string_view kTemporaryMark = ".new-";
 
+constexpr std::chrono::milliseconds kLongestPause(50);
+
 std::string systemError(const std::string& what) {
     return what + ": " + strerror(errno);
 }
 
-// Sends SIGALRM to the calling thread at `deadlineNs` (CLOCK_MONOTONIC), and
-// again every kRepeatNs after it, with a handler that does nothing and no
-// SA_RESTART: a blocking call of the thread returns EINTR. The repeats catch
-// the case where the first signal came just before the thread blocked. The
-// process's SIGALRM disposition and the thread's signal mask are restored when
-// the timer goes.
-class WakeUpTimer {
-  public:
-    explicit WakeUpTimer(int64_t deadlineNs) {
-        struct sigaction action {};
-        action.sa_handler = [](int) {};
-        sigemptyset(&action.sa_mask);
-        sigaction(SIGALRM, &action, &previousAction_);
-        sigset_t alarm;
-        sigemptyset(&alarm);
-        sigaddset(&alarm, SIGALRM);
-        pthread_sigmask(SIG_UNBLOCK, &alarm, &previousMask_);
-        sigevent event{};
-        event.sigev_notify = SIGEV_THREAD_ID;
-        event.sigev_signo = SIGALRM;
-        event._sigev_un._tid = gettid();
-        const itimerspec schedule{platform::toTimespec(kRepeatNs),
-                                  platform::toTimespec(static_cast<uint64_t>(deadlineNs))};
-        armed_ = timer_create(CLOCK_MONOTONIC, &event, &timer_) == 0;
-        if (armed_ && timer_settime(timer_, TIMER_ABSTIME, &schedule, nullptr) != 0) {
-            timer_delete(timer_);
-            armed_ = false;
-        }
-    }
-    ~WakeUpTimer() {
-        if (armed_) {
-            timer_delete(timer_);
-        }
-        pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr);
-        sigaction(SIGALRM, &previousAction_, nullptr);
-    }
-    WakeUpTimer(const WakeUpTimer&) = delete;
-    WakeUpTimer& operator=(const WakeUpTimer&) = delete;
-
-    bool armed() const { return armed_; }
-
-  private:
-    static constexpr int64_t kRepeatNs = 100 * platform::kNsPerMs;
-
-    struct sigaction previousAction_ {};
-    sigset_t previousMask_{};
-    timer_t timer_{};
-    bool armed_ = false;
-};
-
-// Takes the exclusive lock of the folder open at `fd`: one blocking flock(2)
-// that a timer ends after `timeout`. Returns 0, or the error number (the
-// timer's clean-up may change errno): ETIMEDOUT when the time ran out.
+// Takes the exclusive lock of the folder open at `fd`, waiting at most
+// `timeout` for an edit of another process to end. flock has no time-out, so
+// the lock is tried again after pauses that grow from 1 to 50 ms: an edit
+// holds the lock for milliseconds, and a wait this way needs no signal or
+// timer that the rest of the process could notice. Returns 0, or the error
+// number: ETIMEDOUT when the time ran out.
 [[nodiscard]] int lockFolder(int fd, std::chrono::milliseconds timeout) {
-    const int64_t deadlineNs =
-        platform::nowNs() + std::chrono::duration_cast<std::chrono::nanoseconds>(timeout).count();
-    const WakeUpTimer timer(deadlineNs);
-    if (!timer.armed()) {
-        return errno;
-    }
-    while (flock(fd, LOCK_EX) != 0) {
-        if (errno != EINTR) {
+    using std::chrono::steady_clock;
+    const steady_clock::time_point deadline = steady_clock::now() + timeout;
+    for (std::chrono::milliseconds pause(1);; pause = std::min(2 * pause, kLongestPause)) {
+        if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
+            return 0;
+        }
+        if (errno != EWOULDBLOCK && errno != EINTR) {
             return errno;
         }
-        // Another signal may interrupt the wait before the deadline.
-        if (platform::nowNs() >= deadlineNs) {
+        const steady_clock::time_point now = steady_clock::now();
+        if (now >= deadline) {
             return ETIMEDOUT;
         }
+        std::this_thread::sleep_for(std::min<steady_clock::duration>(pause, deadline - now));
     }
-    return 0;
 }
 
 // Removes the temporary files that edits of the file `name` left when they

@@ -48,11 +48,9 @@ enum class EditResult {
 // temporary file ".<name>.new-XXXXXX" in the same folder, which is synced,
 // takes the old file's permission bits (`newFileMode` when there was no file)
 // and is renamed over it; then the folder is synced. The folder must exist
-// (see fsutil::makeDirectory). Edits of one folder by several processes are serialised with a
-// lock on the folder, so that none is lost; an edit waits at most
-// `lockTimeout` for it. The wait is one blocking lock that a SIGALRM timer
-// aimed at the calling thread ends: meanwhile SIGALRM has a handler that does
-// nothing, and is unblocked in that thread. A file that cannot be read, or
+// (see fsutil::makeDirectory). Edits of one folder by several processes are
+// serialised with a lock on the folder, so that none is lost; an edit waits
+// at most `lockTimeout` for it. A file that cannot be read, or
 // that readers would take as empty (see preferences.h), is refused rather than
 // overwritten, and so is an edit whose file would be too large for them. A
 // process killed during an edit can leave its temporary file, never a partial
