@@ -56,8 +56,12 @@ struct DaemonParts {
 // Runs the daemon's life with `parts`; returns the exit status, 0 on every
 // path. A start that cannot run its server or install its watches says why at
 // the error level of the system log and ends in order, as a refused one does.
-// Must be called on the main thread; one run at a time, each starting with
-// sShouldExit clear.
+// Must be called on the main thread. A process may run it more than once (tests
+// do), one run at a time, each starting with sShouldExit clear; but what a run
+// leaves armed stays: after a run that SIGTERM ended, its idle watch may end
+// the next run, and after one that idleness ended, its SIGTERM watch still
+// takes SIGTERM. Runs that must not meet another's watches need a process of
+// their own.
 int runDaemon(const DaemonParts& parts);
 
 }  // namespace kel

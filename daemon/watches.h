@@ -16,7 +16,8 @@ namespace kel {
 
 class HostedServer;
 
-// 0 at process start; 1 once a watch has asked the daemon to end. Never reset.
+// 0 at process start and at the start of each runDaemon; 1 once a watch has
+// asked the daemon to end.
 extern unsigned char sShouldExit;
 
 // When the idle watch looks at the helper server.

@@ -129,7 +129,9 @@ bool removePath(const std::string& path) {
 bool removeRecursive(const std::string& path) {
     WatchdogGuard outer;
     if (!exists(path)) {
-        return true;
+        // A link whose target is missing is gone only once the link is.
+        struct stat status;
+        return lstat(path.c_str(), &status) != 0 || !S_ISLNK(status.st_mode) || removePath(path);
     }
     {
         const OpenDirectory top(path, /*followLinks=*/false);

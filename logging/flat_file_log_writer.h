@@ -47,7 +47,7 @@ class FlatFileLogWriter : public lum::LogWriter,
   public:
     // Remembers `path`; touches no file.
     explicit FlatFileLogWriter(const std::string& path);
-    // Flushes and closes an open file; discards the pending text.
+    // Closes an open file; discards the pending text.
     ~FlatFileLogWriter() override;
 
     // Closes the open file; later records stay pending until the next open.

@@ -1,6 +1,7 @@
-// The process-wide "global" log context and the logger bound to it, shared by
-// the daemon and the libraries (the file-system support writes its error
-// messages through the context).
+// The process-wide "global" log context and the logger bound to it, for the
+// daemon and the libraries. The file-system library writes its error messages
+// under the same category with a handle of its own (fs/error_log.h), so that
+// it needs neither the log server nor dispatch.
 #pragma once
 
 #include <memory>

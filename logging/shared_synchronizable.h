@@ -52,7 +52,7 @@ class SharedSynchronizable : public std::enable_shared_from_this<T> {
     }
 
   protected:
-    // A queue labelled `label`; with a `target`, the queue runs its work on the
+    // A serial queue for `label`'s work; with a `target`, the queue runs its work on the
     // target's threads and holds a reference to the target for its own life.
     SharedSynchronizable(const char* label, dispatch_queue_attr_t attributes,
                          dispatch_queue_t target)
@@ -82,13 +82,9 @@ class SharedSynchronizable : public std::enable_shared_from_this<T> {
     // while it runs, so the destructor may give back the object's own
     // reference to that queue.
     static void destroyOnOwnQueue(T* object) {
-        const auto* base = static_cast<SharedSynchronizable*>(object);
-        const dispatch_function_t destroy = [](void* context) { delete static_cast<T*>(context); };
-        if (base->targetQueue_ != nullptr) {
-            dispatch_barrier_async_f(base->queue_, object, destroy);
-        } else {
-            dispatch_barrier_inline_or_async_f(base->queue_, object, destroy);
-        }
+        dispatch_barrier_inline_or_async_f(static_cast<SharedSynchronizable*>(object)->queue_,
+                                           object,
+                                           [](void* context) { delete static_cast<T*>(context); });
     }
 };
 

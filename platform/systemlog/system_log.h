@@ -32,9 +32,10 @@ enum class Level {
 struct HandleData;
 using Handle = const HandleData*;
 
-// The subsystem of every handle in this project. The daemon and each library
-// write under a category of their own: "global" for the daemon and the
-// file-system library, the library's name for the others.
+// The subsystem of every handle in this project. Each writer has a category
+// of its own: the daemon its program name, the file-system library "global"
+// (the process-wide context of logging/global_log.h), the others their
+// library's name.
 inline constexpr const char* kSubsystem = "org.kel.telephony";
 
 // The handle for a subsystem and category. The same pair always yields the
