@@ -196,12 +196,6 @@ TEST_F(LifecycleTest, SigtermKillsUntilWatchedThenEndsInOrder) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
-enum Outcome {
-    kWritten,       // the file holds the run's records, and only them
-    kLeftoverKept,  // what was at the log file's path is as it was
-    kNothingMade,   // no folder, no file
-};
-
 // Whether there is a log file is the enabling preference's call (on by
 // default on a carrier build that is not internal); its path is the scratch
 // folder and the program name, glued. Each start truncates it, and a refused
@@ -211,46 +205,43 @@ enum Outcome {
 TEST_F(LifecycleTest, KeepsItsOwnLogFileOnlyWhereItIsSafe) {
     constexpr char kLeftover[] = "an earlier run's line\n";
     const std::string program = program_invocation_short_name;
-    const std::string log = dir_.file("scratch/") + program + ".log";
     const struct {
         const char* name;
-        Outcome outcome;
-        const char* scratchFolder = "scratch/";
+        const char* scratchFolder;
         bool carrierBuild = true;
-        bool linkInPlace = false;  // to the last run's file, moved elsewhere
+        bool written = false;      // else nothing is made, and a link's target stays
+        bool linkInPlace = false;  // to an earlier run's file
     } kCases[] = {
-        {.name = "on on a carrier build: the last run's file truncated, then written",
-         .outcome = kWritten},
-        {.name = "a folder without a trailing slash gets the name glued",
-         .outcome = kWritten,
-         .scratchFolder = "scratch"},
-        {.name = "off off carrier builds", .outcome = kNothingMade, .carrierBuild = false},
+        {.name = "on on a carrier build, glued to a folder without a trailing slash",
+         .scratchFolder = "scratch",
+         .written = true},
+        {.name = "off off carrier builds", .scratchFolder = "scratch/", .carrierBuild = false},
         {.name = "no file and no complaint without the folder's parent",
-         .outcome = kNothingMade,
          .scratchFolder = "missing/scratch/"},
-        {.name = "a link in the file's place", .outcome = kLeftoverKept, .linkInPlace = true},
+        {.name = "a link in the file's place", .scratchFolder = "scratch/", .linkInPlace = true},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.name);
         std::filesystem::remove_all(dir_.path());
         std::filesystem::create_directory(dir_.path());
-        if (c.outcome != kNothingMade) {
-            std::filesystem::create_directory(dir_.file("scratch"));
-            std::ofstream(log) << kLeftover;
-        }
+        const std::string log = dir_.file(c.scratchFolder) + program + ".log";
         if (c.linkInPlace) {
-            std::filesystem::rename(log, dir_.file("victim"));
+            std::filesystem::create_directory(dir_.file("scratch"));
+            std::ofstream(dir_.file("victim")) << kLeftover;
             std::filesystem::create_symlink(dir_.file("victim"), log);
+        }
+        if (c.written) {
+            std::ofstream(log) << kLeftover;
         }
         fakeDevice().carrierBuild = c.carrierBuild;
         const Life life = live({.mayHost = false, .scratchFolder = c.scratchFolder});
 
-        if (c.outcome == kWritten) {
+        if (c.written) {
             const std::string record = "[0-9]+\\.[0-9]{3}:Info:" + program + ":";
-            EXPECT_THAT(readFile(dir_.file(c.scratchFolder) + program + ".log"),
+            EXPECT_THAT(readFile(log),
                         MatchesRegex(record + kNotAllowed + "\n" + record + kExit + "\n"));
-        } else if (c.outcome == kLeftoverKept) {
-            EXPECT_EQ(readFile(log), kLeftover);  // through the link, what it points to
+        } else if (c.linkInPlace) {
+            EXPECT_EQ(readFile(dir_.file("victim")), kLeftover);
         } else {
             EXPECT_TRUE(std::filesystem::is_empty(dir_.path()));
         }
