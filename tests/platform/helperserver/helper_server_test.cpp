@@ -30,6 +30,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using platform::UniqueFd;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 constexpr uid_t kOtherUser = 65534;
@@ -66,7 +68,6 @@ TEST_F(HelperServerTest, BusyWhileAClientStaysAndNeverOnceStopped) {
     const std::shared_ptr<HelperServer> server = HelperServer::create(nullptr);
     ASSERT_TRUE(server);
     ASSERT_TRUE(server->start());
-    EXPECT_TRUE(server->start());
     EXPECT_FALSE(server->isBusy());
     UniqueFd client(unixSocketAt(socketPath()));
     ASSERT_EQ(shutdown(client.get(), SHUT_WR), 0);
@@ -84,7 +85,8 @@ TEST_F(HelperServerTest, BusyWhileAClientStaysAndNeverOnceStopped) {
 
 // What is in the way of the socket, or is wrong with its folder, makes
 // create refuse with one line that says what; a socket that a dead server
-// left, which nobody accepts on, is replaced.
+// left, which nobody accepts on, is replaced. (Which owners and modes make a
+// folder untrusted, the log writer's test checks on the same code.)
 TEST_F(HelperServerTest, RefusesWhatIsInTheWayAndSaysWhat) {
     const std::string socket = socketPath();
     UniqueFd listening;
@@ -92,7 +94,6 @@ TEST_F(HelperServerTest, RefusesWhatIsInTheWayAndSaysWhat) {
         const char* name;
         std::function<void()> place;
         const char* why;  // null: the server is made
-        bool needsRoot = false;
     } kCases[] = {
         {"a folder at the socket", [&] { mkdir(socket.c_str(), 0755); }, "a folder is in the way"},
         {"a file at the socket", [&] { std::ofstream{socket}; }, "other than a socket"},
@@ -109,17 +110,9 @@ TEST_F(HelperServerTest, RefusesWhatIsInTheWayAndSaysWhat) {
              std::filesystem::create_directory_symlink(dir_.file("elsewhere"), runtime());
          },
          "symbolic link"},
-        {"a runtime folder others may write", [&] { chmod(runtime().c_str(), 0777); },
-         "writable by other users"},
-        {"another user's runtime folder", [&] { chown(runtime().c_str(), kOtherUser, kOtherUser); },
-         "neither this user nor root", true},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.name);
-        if (c.needsRoot && geteuid() != 0) {
-            std::printf("skipped \"%s\": needs root\n", c.name);
-            continue;
-        }
         std::filesystem::remove_all(dir_.path());
         std::filesystem::create_directories(dir_.file("elsewhere"));
         std::filesystem::create_directory(runtime());
@@ -130,9 +123,8 @@ TEST_F(HelperServerTest, RefusesWhatIsInTheWayAndSaysWhat) {
         const std::shared_ptr<HelperServer> server = HelperServer::create(nullptr);
         EXPECT_EQ(server == nullptr, c.why != nullptr);
         if (c.why != nullptr) {
-            ASSERT_EQ(systemLog.lines().size(), 1u);
-            EXPECT_THAT(systemLog.lines()[0], ::testing::StartsWith("<3>cannot "));
-            EXPECT_THAT(systemLog.lines()[0], HasSubstr(c.why));
+            EXPECT_THAT(systemLog.lines(),
+                        ElementsAre(AllOf(::testing::StartsWith("<3>cannot "), HasSubstr(c.why))));
         }
         EXPECT_TRUE(std::filesystem::is_empty(dir_.file("elsewhere")));
     }
@@ -148,7 +140,7 @@ TEST_F(HelperServerTest, OnlyOneProcessHostsAndNobodyElseCanStopIt) {
     {
         const CapturedSystemLog systemLog;
         EXPECT_EQ(sCanHostHelperServer(), 0);
-        EXPECT_THAT(systemLog.lines(), ::testing::ElementsAre(HasSubstr("symbolic link")));
+        EXPECT_THAT(systemLog.lines(), ElementsAre(HasSubstr("symbolic link")));
     }
     std::filesystem::remove(lock);
     std::ofstream{lock};
