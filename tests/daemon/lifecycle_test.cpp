@@ -27,9 +27,7 @@
 namespace kel::testing {
 namespace {
 
-using ::testing::AllOf;
 using ::testing::HasSubstr;
-using ::testing::MatchesRegex;
 
 constexpr const char* kNotAllowed = "Not allowed to host kel helper server!";
 constexpr const char* kBusy = "Server is busy";
@@ -84,7 +82,6 @@ class LifecycleTest : public ::testing::Test {
     // The preferences are read from an empty folder of the suite's, named
     // before the process's first read.
     static void SetUpTestSuite() { setenv("KEL_PREFERENCES_DIR", sPreferences.path().c_str(), 1); }
-    void SetUp() override { fakeDevice() = FakeDevice{}; }
 
     Life live(const Scenario& scenario) {
         Life result;
@@ -238,8 +235,8 @@ TEST_F(LifecycleTest, KeepsItsOwnLogFileOnlyWhereItIsSafe) {
 
         if (c.written) {
             const std::string record = "[0-9]+\\.[0-9]{3}:Info:" + program + ":";
-            EXPECT_THAT(readFile(log),
-                        MatchesRegex(record + kNotAllowed + "\n" + record + kExit + "\n"));
+            EXPECT_THAT(readFile(log), ::testing::MatchesRegex(record + kNotAllowed + "\n" +
+                                                               record + kExit + "\n"));
         } else if (c.linkInPlace) {
             EXPECT_EQ(readFile(dir_.file("victim")), kLeftover);
         } else {
@@ -248,8 +245,9 @@ TEST_F(LifecycleTest, KeepsItsOwnLogFileOnlyWhereItIsSafe) {
         // Before the two records' mirrors, only why there is no file.
         ASSERT_EQ(life.systemLog.size(), c.linkInPlace ? 3u : 2u);
         if (c.linkInPlace) {
-            EXPECT_THAT(life.systemLog[0], AllOf(HasSubstr("<3>not keeping a log file: "),
-                                                 HasSubstr("symbolic link")));
+            EXPECT_THAT(life.systemLog[0],
+                        ::testing::AllOf(HasSubstr("<3>not keeping a log file: "),
+                                         HasSubstr("symbolic link")));
         }
     }
 }

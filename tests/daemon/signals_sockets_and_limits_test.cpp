@@ -24,7 +24,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
-using ::testing::StartsWith;
 using Clock = std::chrono::steady_clock;
 using platform::UniqueFd;
 
@@ -206,8 +205,9 @@ TEST_F(SignalsSocketsAndLimitsTest, DescriptorShortageIsSaidOnceAndCostsNoCpu) {
     std::this_thread::sleep_for(1s);
     EXPECT_LT(cpuSeconds(daemon.pid()) - cpuBefore, 0.1);
     daemon.sendSignal(SIGTERM);
-    EXPECT_THAT(exitedCleanly(daemon, kQuick),
-                ElementsAre(StartsWith("<3>cannot accept more clients on "), kSignal, kExit));
+    EXPECT_THAT(
+        exitedCleanly(daemon, kQuick),
+        ElementsAre(::testing::StartsWith("<3>cannot accept more clients on "), kSignal, kExit));
 }
 
 }  // namespace

@@ -30,7 +30,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using platform::UniqueFd;
-using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
@@ -51,7 +50,6 @@ bool becomes(const std::function<bool()>& condition) {
 class HelperServerTest : public ::testing::Test {
   protected:
     void SetUp() override { setenv("KEL_HELPER_RUNTIME_DIR", runtime().c_str(), 1); }
-    void TearDown() override { unsetenv("KEL_HELPER_RUNTIME_DIR"); }
 
     std::string runtime() const { return dir_.file("run"); }
     std::string socketPath() const { return runtime() + "/helper-server.sock"; }
@@ -124,7 +122,8 @@ TEST_F(HelperServerTest, RefusesWhatIsInTheWayAndSaysWhat) {
         EXPECT_EQ(server == nullptr, c.why != nullptr);
         if (c.why != nullptr) {
             EXPECT_THAT(systemLog.lines(),
-                        ElementsAre(AllOf(::testing::StartsWith("<3>cannot "), HasSubstr(c.why))));
+                        ElementsAre(::testing::AllOf(::testing::StartsWith("<3>cannot "),
+                                                     HasSubstr(c.why))));
         }
         EXPECT_TRUE(std::filesystem::is_empty(dir_.file("elsewhere")));
     }
