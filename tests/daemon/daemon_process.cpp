@@ -2,13 +2,11 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -33,7 +31,8 @@ DaemonProcess::DaemonProcess(const std::string& binary,
         }
         stderr_.reset(pipeFds[0]);
         writeEnd.reset(pipeFds[1]);
-        journalStream += journalStreamOf(writeEnd.get());
+        stderrFd = writeEnd.get();
+        journalStream += journalStreamOf(stderrFd);
     }
 
     // The extra entries first: getenv takes the first entry of a name.
@@ -45,37 +44,33 @@ DaemonProcess::DaemonProcess(const std::string& binary,
         envp.push_back(*entry);
     }
     envp.push_back(nullptr);
-    endOfOutput_ = stderrFd != kCaptureStderr;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (stderrFd == kCloseStderr) {
-        posix_spawn_file_actions_addclose(&actions, STDERR_FILENO);
-    } else {
-        posix_spawn_file_actions_adddup2(
-            &actions, stderrFd == kCaptureStderr ? writeEnd.get() : stderrFd, STDERR_FILENO);
-    }
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t signals;
-    sigemptyset(&signals);
-    posix_spawnattr_setsigmask(&attributes, &signals);
-    sigfillset(&signals);
-    posix_spawnattr_setsigdefault(&attributes, &signals);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-
     std::vector<char*> argv = {const_cast<char*>(binary.c_str())};
     for (const std::string& argument : arguments) {
         argv.push_back(const_cast<char*>(argument.c_str()));
     }
     argv.push_back(nullptr);
+
     start_ = Clock::now();
-    const int error =
-        posix_spawn(&pid_, binary.c_str(), &actions, &attributes, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-    if (error != 0) {
-        throw std::runtime_error("posix_spawn failed for " + binary);
+    pid_ = fork();
+    if (pid_ < 0) {
+        throw std::runtime_error("fork failed");
+    }
+    if (pid_ == 0) {
+        // Only async-signal-safe calls up to exec: the test may run threads.
+        struct sigaction defaults {};
+        defaults.sa_handler = SIG_DFL;
+        for (int signal = 1; signal < NSIG; ++signal) {
+            sigaction(signal, &defaults, nullptr);
+        }
+        sigprocmask(SIG_SETMASK, &defaults.sa_mask, nullptr);  // an empty set
+        dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+        if (stderrFd == kCloseStderr) {
+            close(STDERR_FILENO);
+        } else {
+            dup2(stderrFd, STDERR_FILENO);
+        }
+        execve(binary.c_str(), argv.data(), envp.data());
+        _exit(127);
     }
     pidfd_.reset(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
 }
@@ -87,34 +82,21 @@ DaemonProcess::~DaemonProcess() {
     }
 }
 
-void DaemonProcess::collectUntil(Clock::time_point deadline) {
-    while (!endOfOutput_) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-        pollfd pfd{stderr_.get(), POLLIN, 0};
-        if (left.count() <= 0 || poll(&pfd, 1, static_cast<int>(left.count())) <= 0) {
-            return;
-        }
-        char chunk[4096];
-        const ssize_t got = read(stderr_.get(), chunk, sizeof chunk);
-        endOfOutput_ = got <= 0;
-        buffer_.append(chunk, got > 0 ? static_cast<size_t>(got) : 0);
-        for (size_t newline; (newline = buffer_.find('\n')) != std::string::npos;) {
-            lines_.push_back({buffer_.substr(0, newline), Clock::now() - start_});
-            buffer_.erase(0, newline + 1);
-        }
-    }
-}
-
 std::optional<int> DaemonProcess::waitForExit(std::chrono::milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    collectUntil(deadline);
     // The pidfd polls readable once the process has ended.
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     pollfd pfd{pidfd_.get(), POLLIN, 0};
     int status = 0;
-    if (!status_ && poll(&pfd, 1, std::max<int>(0, static_cast<int>(left.count()))) > 0 &&
-        waitpid(pid_, &status, 0) == pid_) {
-        status_ = status;
+    if (status_ || poll(&pfd, 1, static_cast<int>(timeout.count())) <= 0 ||
+        waitpid(pid_, &status, 0) != pid_) {
+        return status_;
+    }
+    status_ = status;
+    // The pipe holds all that the process wrote (a few lines), and nobody
+    // writes to it any more: a read of it through /proc ends at its end.
+    std::istringstream text(
+        stderr_.valid() ? readFile("/proc/self/fd/" + std::to_string(stderr_.get())) : "");
+    for (std::string line; std::getline(text, line);) {
+        lines_.push_back(line);
     }
     return status_;
 }

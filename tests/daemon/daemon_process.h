@@ -1,7 +1,6 @@
-// A daemon binary run as a child process for end-to-end tests: its standard
-// error is captured line by line with arrival times. Every wait is bounded
-// (the exit is awaited through a pidfd), and a process still running when its
-// owner goes is killed.
+// A daemon binary run as a child process for end-to-end tests and benchmarks.
+// Every wait is bounded (the exit is awaited through a pidfd), and a process
+// still running when its owner goes is killed.
 #pragma once
 
 #include <signal.h>
@@ -15,11 +14,6 @@
 
 namespace kel::testing {
 
-struct OutputLine {
-    std::string text;
-    std::chrono::steady_clock::duration sinceStart;
-};
-
 // What becomes of a child's standard error, when it is not a given descriptor.
 inline constexpr int kCaptureStderr = -1;
 inline constexpr int kCloseStderr = -2;
@@ -30,8 +24,7 @@ class DaemonProcess {
     // blocked, standard input /dev/null, and the current environment with
     // `extraEnvironment` ("NAME=value" entries) in front, overriding it. Its
     // standard error is collected (named as the journal's stream, so that its
-    // lines carry their priority), or is `stderrFd` (then nothing is
-    // collected), or is closed.
+    // lines carry their priority), or is `stderrFd`, or is closed.
     DaemonProcess(const std::string& binary, const std::vector<std::string>& extraEnvironment,
                   int stderrFd = kCaptureStderr, const std::vector<std::string>& arguments = {});
     ~DaemonProcess();
@@ -40,32 +33,26 @@ class DaemonProcess {
 
     pid_t pid() const { return pid_; }
     std::chrono::steady_clock::time_point startTime() const { return start_; }
+    void sendSignal(int signal) { kill(pid_, signal); }
 
-    // Collects output until `deadline` or the end of the output.
-    void collectUntil(std::chrono::steady_clock::time_point deadline);
-
-    // Waits for the process to end, collecting the rest of its output; its wait
-    // status, or nothing when it is still running after `timeout`.
+    // Waits for the process to end; its wait status, or nothing when it is
+    // still running after `timeout`.
     std::optional<int> waitForExit(std::chrono::milliseconds timeout);
 
-    // Every line read so far.
-    const std::vector<OutputLine>& lines() const { return lines_; }
+    // The lines of its collected standard error, once it has ended.
+    const std::vector<std::string>& lines() const { return lines_; }
 
     // Waits until SIGTERM is ignored as a signal by the process, which it is
     // once the termination watch is installed. There is no event for that, so
     // this reads /proc/PID/status every millisecond, up to `timeout`.
     bool waitUntilSigtermIgnored(std::chrono::milliseconds timeout);
 
-    void sendSignal(int signal) { kill(pid_, signal); }
-
   private:
     pid_t pid_ = -1;
     platform::UniqueFd pidfd_;
     platform::UniqueFd stderr_;
     std::chrono::steady_clock::time_point start_;
-    std::string buffer_;
-    std::vector<OutputLine> lines_;
-    bool endOfOutput_ = false;
+    std::vector<std::string> lines_;
     std::optional<int> status_;
 };
 

@@ -30,6 +30,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using platform::UniqueFd;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 constexpr uid_t kOtherUser = 65534;
@@ -49,7 +50,6 @@ bool becomes(const std::function<bool()>& condition) {
 class HelperServerTest : public ::testing::Test {
   protected:
     void SetUp() override { setenv("KEL_HELPER_RUNTIME_DIR", runtime().c_str(), 1); }
-    void TearDown() override { unsetenv("KEL_HELPER_RUNTIME_DIR"); }
 
     std::string runtime() const { return dir_.file("run"); }
     std::string socketPath() const { return runtime() + "/helper-server.sock"; }
@@ -58,13 +58,14 @@ class HelperServerTest : public ::testing::Test {
 };
 
 // A client keeps the server busy until it closes, also after it has shut
-// down its writing side (it may still wait for an answer). Stopping does not
-// wait for clients that write flat out, and a stopped server is never busy.
-TEST_F(HelperServerTest, BusyWhileAClientStaysAndStopsAtOnce) {
+// down its writing side (it may still wait for an answer). A stopped server
+// is never busy, whoever was connected, and its socket is gone. (That stop
+// does not wait for clients that write flat out, the daemon's own test
+// checks against a bound.)
+TEST_F(HelperServerTest, BusyWhileAClientStaysAndNeverOnceStopped) {
     const std::shared_ptr<HelperServer> server = HelperServer::create(nullptr);
     ASSERT_TRUE(server);
     ASSERT_TRUE(server->start());
-    EXPECT_TRUE(server->start());
     EXPECT_FALSE(server->isBusy());
     UniqueFd client(unixSocketAt(socketPath()));
     ASSERT_EQ(shutdown(client.get(), SHUT_WR), 0);
@@ -72,11 +73,9 @@ TEST_F(HelperServerTest, BusyWhileAClientStaysAndStopsAtOnce) {
     client.reset();
     EXPECT_TRUE(becomes([&] { return !server->isBusy(); }));
 
-    const auto writers = writeFlatOut(socketPath(), 16);
+    client.reset(unixSocketAt(socketPath()));
     EXPECT_TRUE(becomes([&] { return server->isBusy(); }));
-    const auto before = std::chrono::steady_clock::now();
     server->stop();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
     EXPECT_FALSE(server->isBusy());
     EXPECT_FALSE(server->start());
     EXPECT_NE(access(socketPath().c_str(), F_OK), 0);
@@ -84,7 +83,8 @@ TEST_F(HelperServerTest, BusyWhileAClientStaysAndStopsAtOnce) {
 
 // What is in the way of the socket, or is wrong with its folder, makes
 // create refuse with one line that says what; a socket that a dead server
-// left, which nobody accepts on, is replaced.
+// left, which nobody accepts on, is replaced. (Which owners and modes make a
+// folder untrusted, the log writer's test checks on the same code.)
 TEST_F(HelperServerTest, RefusesWhatIsInTheWayAndSaysWhat) {
     const std::string socket = socketPath();
     UniqueFd listening;
@@ -92,7 +92,6 @@ TEST_F(HelperServerTest, RefusesWhatIsInTheWayAndSaysWhat) {
         const char* name;
         std::function<void()> place;
         const char* why;  // null: the server is made
-        bool needsRoot = false;
     } kCases[] = {
         {"a folder at the socket", [&] { mkdir(socket.c_str(), 0755); }, "a folder is in the way"},
         {"a file at the socket", [&] { std::ofstream{socket}; }, "other than a socket"},
@@ -100,9 +99,6 @@ TEST_F(HelperServerTest, RefusesWhatIsInTheWayAndSaysWhat) {
          [&] { listening.reset(unixSocketAt(socket, /*listening=*/true)); }, "another program"},
         {"a dead server's socket", [&] { close(unixSocketAt(socket, /*listening=*/true)); },
          nullptr},
-        {"a runtime folder under a file",
-         [&] { setenv("KEL_HELPER_RUNTIME_DIR", (dir_.file("file") + "/run").c_str(), 1); },
-         "Not a directory"},
         {"a socket path longer than an address holds",
          [&] { setenv("KEL_HELPER_RUNTIME_DIR", dir_.file(std::string(100, 'n')).c_str(), 1); },
          "longer than 107 bytes"},
@@ -112,21 +108,12 @@ TEST_F(HelperServerTest, RefusesWhatIsInTheWayAndSaysWhat) {
              std::filesystem::create_directory_symlink(dir_.file("elsewhere"), runtime());
          },
          "symbolic link"},
-        {"a runtime folder others may write", [&] { chmod(runtime().c_str(), 0777); },
-         "writable by other users"},
-        {"another user's runtime folder", [&] { chown(runtime().c_str(), kOtherUser, kOtherUser); },
-         "neither this user nor root", true},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.name);
-        if (c.needsRoot && geteuid() != 0) {
-            std::printf("skipped \"%s\": needs root\n", c.name);
-            continue;
-        }
         std::filesystem::remove_all(dir_.path());
         std::filesystem::create_directories(dir_.file("elsewhere"));
         std::filesystem::create_directory(runtime());
-        std::ofstream{dir_.file("file")};
         setenv("KEL_HELPER_RUNTIME_DIR", runtime().c_str(), 1);
         listening.reset();
         c.place();
@@ -134,9 +121,9 @@ TEST_F(HelperServerTest, RefusesWhatIsInTheWayAndSaysWhat) {
         const std::shared_ptr<HelperServer> server = HelperServer::create(nullptr);
         EXPECT_EQ(server == nullptr, c.why != nullptr);
         if (c.why != nullptr) {
-            ASSERT_EQ(systemLog.lines().size(), 1u);
-            EXPECT_THAT(systemLog.lines()[0], ::testing::StartsWith("<3>cannot "));
-            EXPECT_THAT(systemLog.lines()[0], HasSubstr(c.why));
+            EXPECT_THAT(systemLog.lines(),
+                        ElementsAre(::testing::AllOf(::testing::StartsWith("<3>cannot "),
+                                                     HasSubstr(c.why))));
         }
         EXPECT_TRUE(std::filesystem::is_empty(dir_.file("elsewhere")));
     }
@@ -152,7 +139,7 @@ TEST_F(HelperServerTest, OnlyOneProcessHostsAndNobodyElseCanStopIt) {
     {
         const CapturedSystemLog systemLog;
         EXPECT_EQ(sCanHostHelperServer(), 0);
-        EXPECT_THAT(systemLog.lines(), ::testing::ElementsAre(HasSubstr("symbolic link")));
+        EXPECT_THAT(systemLog.lines(), ElementsAre(HasSubstr("symbolic link")));
     }
     std::filesystem::remove(lock);
     std::ofstream{lock};
@@ -173,50 +160,39 @@ TEST_F(HelperServerTest, OnlyOneProcessHostsAndNobodyElseCanStopIt) {
 }
 
 // Without KEL_HELPER_RUNTIME_DIR, each user's folder is /tmp/kel-UID, made
-// private, and refused unless it is still private: run as another user, in a
-// child, for each shape the folder may have been given before.
+// private, and refused unless it is still private (that a link is refused,
+// the runtime folder's own case shows): run as another user, in a child, for
+// each shape the folder may have been given before.
 TEST_F(HelperServerTest, EachUsersDefaultFolderIsPrivate) {
     const std::string folder = "/tmp/kel-" + std::to_string(kOtherUser);
     if (const char* expected = childArgument()) {
         unsetenv("KEL_HELPER_RUNTIME_DIR");
         const CapturedSystemLog systemLog;
-        const bool made = HelperServer::create(nullptr) != nullptr;
-        EXPECT_EQ(made, std::string(expected) == "made")
+        EXPECT_EQ(HelperServer::create(nullptr) != nullptr, std::string(expected) == "made")
             << ::testing::PrintToString(systemLog.lines());
         return;
     }
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root, to run as another user";
     }
-    const std::string asOther = "setpriv --reuid=" + std::to_string(kOtherUser) +
-                                " --regid=" + std::to_string(kOtherUser) + " --clear-groups";
     const struct {
         const char* name;
-        std::function<void()> place;
+        mode_t mode;  // of the folder the user left there; 0: none
         const char* outcome;
     } kCases[] = {
-        {"missing", [] {}, "made"},
-        {"another user's", [&] { mkdir(folder.c_str(), 0700); }, "refused"},
-        {"open to others",
-         [&] {
-             mkdir(folder.c_str(), 0755);
-             chown(folder.c_str(), kOtherUser, kOtherUser);
-         },
-         "refused"},
-        {"a link to a private folder",
-         [&] {
-             std::filesystem::create_directory(dir_.file("private"));
-             chown(dir_.file("private").c_str(), kOtherUser, kOtherUser);
-             std::filesystem::create_directory_symlink(dir_.file("private"), folder);
-         },
-         "refused"},
+        {"missing", 0, "made"},
+        {"open to others", 0755, "refused"},
     };
-    chmod(dir_.path().c_str(), 0755);
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.name);
         std::filesystem::remove_all(folder);
-        c.place();
-        const int status = runTestAgain(c.outcome, asOther);
+        if (c.mode != 0) {
+            mkdir(folder.c_str(), c.mode);
+            chown(folder.c_str(), kOtherUser, kOtherUser);
+        }
+        const std::string user = std::to_string(kOtherUser);
+        const int status = runTestAgain(
+            c.outcome, "setpriv --reuid=" + user + " --regid=" + user + " --clear-groups");
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     }
     std::filesystem::remove_all(folder);
