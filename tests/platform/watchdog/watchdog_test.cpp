@@ -1,6 +1,5 @@
 #include "platform/watchdog/watchdog.h"
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -99,8 +98,7 @@ TEST(WatchdogTableTest, GuardsAreIndependentUntilTheTableIsFull) {
 constexpr char kQuickReason[] = "watchdog test: quick step";
 
 TEST(WatchdogReportTest, HungStepIsReportedOnceAndResultKept) {
-    const char* const runtimeDir = kel::testing::childArgument();
-    if (runtimeDir == nullptr) {
+    if (kel::testing::childArgument() == nullptr) {
         const kel::testing::TempDir dir;
         EXPECT_EQ(
             kel::testing::runTestAgain(dir.path(), "env KEL_HELPER_RUNTIME_DIR=" + dir.path()), 0);
@@ -110,8 +108,7 @@ TEST(WatchdogReportTest, HungStepIsReportedOnceAndResultKept) {
     // ends this process.
     alarm(10);
     int release[2], log[2];
-    ASSERT_EQ(pipe2(release, O_CLOEXEC), 0);
-    ASSERT_EQ(pipe2(log, O_CLOEXEC), 0);
+    ASSERT_EQ(pipe(release) | pipe(log), 0);
     systemlog::redirectForTesting(log[1]);
     uint64_t quick = 0;
     start(&quick, kQuickReason);
@@ -144,7 +141,6 @@ TEST(WatchdogReportTest, HungStepIsReportedOnceAndResultKept) {
     // (read among them): there the hung thread cannot answer in time.
     EXPECT_EQ(report.find("stack report: "), report.rfind("stack report: ")) << report;
     EXPECT_EQ(report.find(kQuickReason), std::string::npos) << report;
-    EXPECT_EQ(kel::trace::kSnapshotFolder, runtimeDir + std::string("/snapshots/"));
     const std::vector<std::filesystem::path> files(
         std::filesystem::directory_iterator(kel::trace::kSnapshotFolder), {});
     ASSERT_EQ(files.size(), 1u);
