@@ -50,7 +50,8 @@ class FlatFileLogWriterTest : public ::testing::Test {
 };
 
 // Records written while no file is open lead the truncated file, then every
-// record goes straight to it.
+// record goes straight to it: it can be read back as soon as writeMessage has
+// returned, so a process killed right after loses none.
 TEST_F(FlatFileLogWriterTest, WritesOneLinePerRecordPendingOnesFirst) {
     const std::string longFirst(300, 'f'), longSecond(600, 's');
     const std::pair<lum::LogMessage, std::string> kCases[] = {
@@ -83,9 +84,9 @@ TEST_F(FlatFileLogWriterTest, WritesOneLinePerRecordPendingOnesFirst) {
     EXPECT_TRUE(writer->fileStreamFailedForTesting());
 }
 
-// Many threads write at once, some records before the file is opened: every
-// record is in the file exactly once, whole, and each thread's records in
-// order.
+// Many threads write at once while no file is open, so that their records
+// wait in memory together, then the file opens: every record is in it exactly
+// once, whole, and each thread's records in order.
 TEST_F(FlatFileLogWriterTest, ConcurrentRecordsAreWholeAndInOrder) {
     constexpr int kThreads = 8, kPerThread = 2000;
     // Up to 700 bytes: some lines do not fit the writer's line buffer.
@@ -102,8 +103,8 @@ TEST_F(FlatFileLogWriterTest, ConcurrentRecordsAreWholeAndInOrder) {
             }
         });
     }
-    writer->open("");
     threads.clear();
+    writer->open("");
     std::vector<int> next(kThreads);
     std::istringstream lines(readFile(dir_.file("log")));
     for (std::string line; std::getline(lines, line);) {
