@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -18,6 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/logging/scoped_writer.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/test_child.h"
 
@@ -25,12 +25,6 @@ namespace kel::testing {
 namespace {
 
 using lum::LogLevel;
-
-// Owned the way production code owns one. Its queue is idle whenever a test
-// lets go of it, so the writer, and its file, are gone when the call returns.
-std::shared_ptr<FlatFileLogWriter> makeWriter(const std::string& path) {
-    return FlatFileLogWriter::make_shared_ptr(new FlatFileLogWriter(path));
-}
 
 lum::LogMessage record(int64_t ns, LogLevel level, std::string first, std::string second) {
     return {.timestampNs = ns, .level = level, .firstText = first, .secondText = second};
@@ -68,7 +62,7 @@ TEST_F(FlatFileLogWriterTest, WritesOneLinePerRecordPendingOnesFirst) {
     };
     const std::string path = dir_.file("log");
     std::ofstream(path) << std::string(10000, 'o');
-    const auto writer = makeWriter(path);
+    ScopedWriter writer(path);
     std::string expected;
     for (const auto& [message, text] : kCases) {
         writer->writeMessage(message);
@@ -93,7 +87,7 @@ TEST_F(FlatFileLogWriterTest, ConcurrentRecordsAreWholeAndInOrder) {
     const auto text = [](int index) {
         return std::to_string(index) + std::string(index % 700, 'x');
     };
-    const auto writer = makeWriter(dir_.file("log"));
+    ScopedWriter writer(dir_.file("log"));
     std::vector<std::jthread> threads;
     for (int thread = 0; thread < kThreads; ++thread) {
         threads.emplace_back([&, thread] {
@@ -121,7 +115,7 @@ TEST_F(FlatFileLogWriterTest, ConcurrentRecordsAreWholeAndInOrder) {
 // written after it reach the next file that opens. Cases that make a file
 // another user's need root.
 TEST_F(FlatFileLogWriterTest, RefusedOpensLoseOnlyThePendingRecords) {
-    constexpr uid_t kOtherUser = 65534;
+    // The other user is nobody, uid 65534.
     const std::string folder = dir_.file("scratch");
     const std::string log = folder + "/log";
     const std::string victim = dir_.file("victim");
@@ -151,9 +145,9 @@ TEST_F(FlatFileLogWriterTest, RefusedOpensLoseOnlyThePendingRecords) {
          "kept by another process"},
         {"a folder others may write", [&] { chmod(folder.c_str(), 0777); }, "writable by other"},
         {"a file of another user",
-         [&] { std::ofstream(log) << "precious", chown(log.c_str(), kOtherUser, kOtherUser); },
+         [&] { std::ofstream(log) << "precious", chown(log.c_str(), 65534, 65534); },
          "belongs to uid 65534", true},
-        {"a folder of another user", [&] { chown(folder.c_str(), kOtherUser, kOtherUser); },
+        {"a folder of another user", [&] { chown(folder.c_str(), 65534, 65534); },
          "neither this user nor root", true},
     };
     for (const auto& c : kCases) {
@@ -167,7 +161,7 @@ TEST_F(FlatFileLogWriterTest, RefusedOpensLoseOnlyThePendingRecords) {
         std::ofstream(victim) << "precious";
         held.clear();
         c.place();
-        const auto writer = makeWriter(log);
+        ScopedWriter writer(log);
         writer->writeMessage(record("a"));
         writer->open("");
         EXPECT_THAT(writer->openFailure().why, ::testing::HasSubstr(c.why));
@@ -194,7 +188,7 @@ TEST_F(FlatFileLogWriterTest, AFailedWriteDropsRecordsUntilTheNextOpen) {
         return;
     }
     const std::string folder = mounted;
-    const auto writer = makeWriter(folder + "/first");
+    ScopedWriter writer(folder + "/first");
     writer->open("");
     writer->writeMessage(record("a"));
     std::ofstream(folder + "/filler") << std::string(64 * 1024, 'x');
