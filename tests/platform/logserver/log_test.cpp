@@ -18,8 +18,10 @@ using lum::LogLevel;
 // Many submitting threads; the writer sees every record once, in acceptance
 // order (each thread's in its own order), with wall-clock time stamps, from the
 // server's thread, which blocks SIGTERM; all of them by the time a flush asked
-// for afterwards completes.
-TEST(LogServerTest, AWriterGetsEveryRecordOnceInOrderBeforeTheFlush) {
+// for afterwards completes. A writer added later sees only the records after
+// it. Close hands over what was accepted, then closes and drops the writers,
+// and every later record.
+TEST(LogServerTest, WritersGetEveryRecordOnceInOrderUntilClose) {
     constexpr int kThreads = 4, kPerThread = 500;
     const int64_t before = std::chrono::system_clock::now().time_since_epoch() / 1ns;
     RecordedLogServer recorded;
@@ -44,29 +46,19 @@ TEST(LogServerTest, AWriterGetsEveryRecordOnceInOrderBeforeTheFlush) {
         EXPECT_TRUE(seen[i].timestampNs >= before && seen[i].timestampNs <= after);
     }
     EXPECT_EQ(recorded.writer->sigtermBlockedDeliveries, kThreads * kPerThread);
-}
 
-// A writer added later sees only the records after it. Close hands over what
-// was accepted, then drops the writers and every later record.
-TEST(LogServerTest, CloseDeliversPendingThenDropsWriters) {
-    auto server = lum::LogServer::create("close");
-    const std::shared_ptr<RecordingWriter> writers[] = {std::make_shared<RecordingWriter>(),
-                                                        std::make_shared<RecordingWriter>()};
-    server->addWriter(writers[0]);
-    server->start();
-    server->submit(LogLevel::kNotice, "t", "0");
-    server->addWriter(writers[1]);
-    server->submit(LogLevel::kNotice, "t", "1");
-    server->close();
-    server->submit(LogLevel::kError, "t", "after close");
-    EXPECT_EQ(server->flush(), nullptr);
-    server->close();
-    for (size_t i = 0; i < 2; ++i) {
-        const auto seen = writers[i]->messages();
-        ASSERT_EQ(seen.size(), 2 - i);
-        EXPECT_EQ(seen.back().secondText, "1");
-        EXPECT_EQ(writers[i]->closes, 1);
-        EXPECT_EQ(writers[i].use_count(), 1);
+    auto later = std::make_shared<RecordingWriter>();
+    recorded.server->addWriter(later);
+    recorded.server->submit(LogLevel::kNotice, "t", "last");
+    recorded.server->close();
+    recorded.server->submit(LogLevel::kError, "t", "after close");
+    EXPECT_EQ(recorded.server->flush(), nullptr);
+    recorded.server->close();
+    ASSERT_EQ(later->messages().size(), 1u);
+    for (const auto* writer : {&recorded.writer, &later}) {
+        EXPECT_EQ((*writer)->messages().back().secondText, "last");
+        EXPECT_EQ((*writer)->closes, 1);
+        EXPECT_EQ(writer->use_count(), 1);
     }
 }
 
