@@ -2,8 +2,8 @@
 
 #include <systemd/sd-bus.h>
 
-#include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -27,35 +27,32 @@ int recordNotify(sd_bus_message* call, void* received, sd_bus_error*) {
     return sd_bus_reply_method_return(call, "u", 1u);
 }
 
-// Owns the notifications name on the session bus until it has answered one
-// Notify call, for 10 s at most.
-std::string serveOneNotification(std::promise<void>& listening) {
-    sd_bus* bus = nullptr;
-    std::string received;
-    const bool serving = sd_bus_open_user(&bus) >= 0 &&
-                         sd_bus_request_name(bus, "org.freedesktop.Notifications", 0) >= 0 &&
-                         sd_bus_add_object(bus, nullptr, "/org/freedesktop/Notifications",
-                                           recordNotify, &received) >= 0;
-    listening.set_value();
-    for (int idleSeconds = 0; serving && received.empty() && idleSeconds < 10;) {
-        if (sd_bus_process(bus, nullptr) == 0) {
-            idleSeconds += sd_bus_wait(bus, 1'000'000) == 0;
-        }
-    }
-    sd_bus_flush_close_unref(bus);
-    return received;
-}
-
 // Runs under a session bus of its own (see CMakeLists.txt). Until a server
 // is there, the alert goes to the system log, as it does without a bus.
 TEST(NoticeTest, ShowsOnTheSessionBusOrElseInTheSystemLog) {
     const kel::testing::CapturedSystemLog log;
     notice::showAlert("Header", "Message", 2.5);
-    std::promise<void> listening;
-    auto received = std::async(std::launch::async, serveOneNotification, std::ref(listening));
-    listening.get_future().wait();
+
+    // The server owns the notifications name until it has answered one Notify
+    // call, for 10 s at most, on a thread of its own.
+    sd_bus* bus = nullptr;
+    std::string received;
+    ASSERT_GE(sd_bus_open_user(&bus), 0);
+    ASSERT_GE(sd_bus_request_name(bus, "org.freedesktop.Notifications", 0), 0);
+    ASSERT_GE(
+        sd_bus_add_object(bus, nullptr, "/org/freedesktop/Notifications", recordNotify, &received),
+        0);
+    std::jthread server([&] {
+        for (int idleSeconds = 0; received.empty() && idleSeconds < 10;) {
+            if (sd_bus_process(bus, nullptr) == 0) {
+                idleSeconds += sd_bus_wait(bus, 1'000'000) == 0;
+            }
+        }
+    });
     notice::showAlert("Header", "Message", 2.5);
-    EXPECT_EQ(received.get(), "Notify Header|Message|default OK|urgency=1|2500");
+    server.join();
+    sd_bus_flush_close_unref(bus);
+    EXPECT_EQ(received, "Notify Header|Message|default OK|urgency=1|2500");
     EXPECT_EQ(log.lines(), std::vector<std::string>{"<5>Header: Message"});
 }
 

@@ -13,8 +13,7 @@ namespace {
 // On the journal's stream, lines start with their priority.
 TEST(SystemLogTest, WritesOnePrefixedLinePerEnabledMessage) {
     CapturedSystemLog captured;
-    systemlog::Handle handle = systemlog::create("org.test", "lines");
-    EXPECT_EQ(handle, systemlog::create("org.test", "lines"));
+    const systemlog::Handle handle = systemlog::create("org.test", "lines");
 
     systemlog::write(handle, systemlog::Level::kDefault, "plain %d", 7);
     systemlog::write(handle, systemlog::Level::kDefault, "%s", "");
