@@ -76,6 +76,12 @@ TEST_F(FlatFileLogWriterTest, WritesOneLinePerRecordPendingOnesFirst) {
     EXPECT_FALSE(writer->fileStreamFailedForTesting());
     writer->close();  // with no file open
     EXPECT_TRUE(writer->fileStreamFailedForTesting());
+    // A second open keeps the open file, makes none, and drops what follows.
+    writer->open("");
+    writer->open(dir_.file("second"));
+    writer->writeMessage(record("dropped"));
+    EXPECT_EQ(readFile(path), "");
+    EXPECT_NE(access(dir_.file("second").c_str(), F_OK), 0);
 }
 
 // Many threads write at once while no file is open, so that their records

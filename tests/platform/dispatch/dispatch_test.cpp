@@ -24,7 +24,7 @@ Queue makeQueue(dispatch_queue_t target = nullptr) {
 
 // Every thread's items run in its submission order, one at a time across a
 // queue and two queues that target it, and none is lost. dispatch_sync runs
-// the work on the caller's thread.
+// the work on the caller's thread, dispatch_async_and_wait never does.
 TEST(SerialQueueTest, KeepsEachThreadsOrderAndRunsOneItemAtATime) {
     constexpr int kThreads = 6, kPerThread = 5000;
     const Queue target = makeQueue();
@@ -38,17 +38,20 @@ TEST(SerialQueueTest, KeepsEachThreadsOrderAndRunsOneItemAtATime) {
         threads.emplace_back([&, t] {
             dispatch_queue_t queue = lanes[t % 3];
             for (int i = 0; i < kPerThread; ++i) {
-                const bool async = i % 3 == 0;
-                auto record = [&, t, i, async, caller = std::this_thread::get_id()] {
+                const int kind = i % 3;  // async, sync, async and wait
+                auto record = [&, t, i, kind, caller = std::this_thread::get_id()] {
+                    const bool onCaller = std::this_thread::get_id() == caller;
                     broken = broken || inside++ != 0 || next[t]++ != i ||
-                             (!async && std::this_thread::get_id() != caller);
+                             (kind == 1 && !onCaller) || (kind == 2 && onCaller);
                     std::this_thread::yield();  // widens the window in which an overlap shows
                     --inside;
                 };
-                if (async) {
+                if (kind == 0) {
                     dispatch_async(queue, record);
-                } else {
+                } else if (kind == 1) {
                     dispatch_sync(queue, record);
+                } else {
+                    dispatch_async_and_wait(queue, record);
                 }
             }
         });
