@@ -16,6 +16,7 @@
 #include <set>
 #include <string>
 
+#include "platform/posix/file_util.h"
 #include "platform/strings/format.h"
 
 namespace systemlog {
@@ -34,8 +35,18 @@ namespace {
 
 std::atomic<bool> sEnabled[2] = {true, true};
 std::atomic<int> sFd{STDERR_FILENO};
-// Whether lines to sFd carry their priority: 1 or 0, -1 until first asked.
-std::atomic<int> sPrefixed{-1};
+// What sFd is (a sum of the Stream bits), asked at its first line; -1 until
+// then.
+std::atomic<int> sStream{-1};
+
+enum Stream {
+    // Lines carry their priority: the descriptor is the journal's stream.
+    kPrefixed = 1,
+    // A write may block or raise SIGPIPE (a pipe, a socket, a terminal), so it
+    // is bounded in time and SIGPIPE is kept from ending the process. Files
+    // and other devices take a line at once.
+    kGuarded = 2,
+};
 
 // Whether `fd` is the stream that systemd connects a service's standard error
 // to: it names that stream's device and inode in JOURNAL_STREAM.
@@ -48,13 +59,20 @@ bool isJournalStream(int fd) {
            fstat(fd, &status) == 0 && status.st_dev == device && status.st_ino == inode;
 }
 
-bool prefixed(int fd) {
-    int answer = sPrefixed.load(std::memory_order_relaxed);
-    if (answer < 0) {
-        answer = isJournalStream(fd) ? 1 : 0;
-        sPrefixed.store(answer, std::memory_order_relaxed);
+int streamOf(int fd) {
+    int stream = sStream.load(std::memory_order_relaxed);
+    if (stream < 0) {
+        struct stat status;
+        const bool plain = fstat(fd, &status) == 0 && !isatty(fd) &&
+                           (S_ISREG(status.st_mode) || S_ISCHR(status.st_mode));
+        stream = (isJournalStream(fd) ? kPrefixed : 0) | (plain ? 0 : kGuarded);
+        sStream.store(stream, std::memory_order_relaxed);
     }
-    return answer == 1;
+    return stream;
+}
+
+bool prefixed(int fd) {
+    return (streamOf(fd) & kPrefixed) != 0;
 }
 
 using Clock = std::chrono::steady_clock;
@@ -139,10 +157,14 @@ void writeLine(int fd, const std::string& line) {
             static_cast<long long>(kWriteBound.count()));
     }
     text += line;
-    const ScopedSigpipeBlock sigpipeBlock;
-    const size_t written =
-        writeBefore(fd, text.data(), text.size(),
-                    Clock::now() + (sDropped > 0 ? Clock::duration{} : kWriteBound));
+    size_t written = text.size();
+    if ((streamOf(fd) & kGuarded) == 0) {
+        written = platform::writeAll(fd, text.data(), text.size()) ? text.size() : 0;
+    } else {
+        const ScopedSigpipeBlock sigpipeBlock;
+        written = writeBefore(fd, text.data(), text.size(),
+                              Clock::now() + (sDropped > 0 ? Clock::duration{} : kWriteBound));
+    }
     if (written == text.size()) {
         sDropped = 0;
         sLineOpen = false;
@@ -221,7 +243,7 @@ void writeV(Handle handle, Level level, const char* format, va_list args) {
 
 int redirectForTesting(int fd) {
     const int previous = sFd.exchange(fd);
-    sPrefixed.store(-1, std::memory_order_relaxed);
+    sStream.store(-1, std::memory_order_relaxed);
     return previous;
 }
 

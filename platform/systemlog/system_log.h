@@ -11,13 +11,14 @@
 // feed inside a message is written as "\n" (backslash, n), one at its very
 // end is dropped: one message is always one line.
 //
-// Standard error never holds the process up for long nor ends it: a line that
-// it does not take within 100 ms is dropped, and so is every later one that
-// it does not take at once, until it takes one again, which is then preceded
-// by an error line with the number of lines lost. A reader that has gone
-// makes the write fail with EPIPE: the writing thread blocks SIGPIPE around
-// its write and consumes the one it raised, and no signal's disposition is
-// touched.
+// Standard error never holds the process up for long nor ends it. When it is
+// a pipe, a socket or a terminal, a line that it does not take within 100 ms
+// is dropped, and so is every later one that it does not take at once, until
+// it takes one again, which is then preceded by an error line with the number
+// of lines lost; a reader that has gone makes the write fail with EPIPE: the
+// writing thread blocks SIGPIPE around its write and consumes the one it
+// raised, and no signal's disposition is touched. A file or another device
+// (/dev/null) takes each line with plain writes.
 #pragma once
 
 #include <cstdarg>
