@@ -1,30 +1,27 @@
 // Differential fuzzing of the "kel." text parsers against their rules written
 // out independently: the words compared in lower case, else std::stoi with
 // base 0 over the whole text.
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cstdlib>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "config/value_parsing.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
     std::string lower = text;
-    for (char& c : lower) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    }
+    std::ranges::transform(lower, lower.begin(), [](unsigned char c) { return std::tolower(c); });
+    constexpr std::pair<const char*, int32_t> kWords[] = {
+        {"false", 0}, {"off", 0}, {"no", 0},   {"true", 1},
+        {"on", 1},    {"yes", 1}, {"full", 1}, {"lite", 2},
+    };
     std::optional<int32_t> expected;
-    for (const auto& [word, value] : {std::pair{"false", 0},
-                                      {"off", 0},
-                                      {"no", 0},
-                                      {"true", 1},
-                                      {"on", 1},
-                                      {"yes", 1},
-                                      {"full", 1},
-                                      {"lite", 2}}) {
+    for (const auto& [word, value] : kWords) {
         expected = lower == word ? std::optional(value) : expected;
     }
     try {

@@ -12,16 +12,15 @@ FakeDevice& fakeDevice() {
 using kel::testing::fakeDevice;
 
 uint32_t TelephonyRadiosGetRadio() {
-    ++fakeDevice().radioQueries;
     return fakeDevice().radio;
 }
 
 uint32_t TelephonyRadiosGetRadioVendor() {
-    return fakeDevice().vendor;
+    return 0;
 }
 
 uint32_t TelephonyRadiosGetProduct() {
-    return fakeDevice().product;
+    return 0;
 }
 
 bool TelephonyUtilIsCarrierBuild() {
@@ -29,7 +28,6 @@ bool TelephonyUtilIsCarrierBuild() {
 }
 
 bool TelephonyUtilIsInternalBuild() {
-    ++fakeDevice().internalQueries;
     return fakeDevice().internalBuild;
 }
 
@@ -41,13 +39,11 @@ namespace lum {
 
 RadioFusingState TelephonyUtilRadioFusingInferFusingStateFromSerialNumber(
     const std::string& serialNumber) {
-    fakeDevice().lastSerialNumber = serialNumber;
-    return kel::testing::kFakeFusingState;
+    return static_cast<RadioFusingState>(serialNumber.size());
 }
 
 RadioFusingState TelephonyUtilRadioFusingInferFusingStateFromCertID(uint32_t certificateId) {
-    fakeDevice().lastCertificateId = certificateId;
-    return kel::testing::kFakeFusingState;
+    return static_cast<RadioFusingState>(certificateId);
 }
 
 }  // namespace lum
