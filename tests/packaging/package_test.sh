@@ -50,10 +50,13 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# Every path on the system disks but the package manager's own books.
+# Every path on the system disks but the package manager's own books and the
+# service manager's run-time state (systemd-analyze verify stamps a file
+# there).
 snapshot() {
     find /etc /usr /var /run -xdev \( -path /var/lib/dpkg -o -path /var/cache -o -path /var/lib/apt \
-        -o -path /var/log/apt -o -path /var/log/dpkg.log -o -path /var/tmp \) -prune -o -print | sort
+        -o -path /var/log/apt -o -path /var/log/dpkg.log -o -path /var/tmp -o -path /run/systemd \) \
+        -prune -o -print | sort
 }
 
 # Waits up to 10 s until process $1 ignores SIGTERM, its watch in place, and
