@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -15,16 +17,20 @@ namespace {
 // Shows the notices of NoticeTest, writes what the system log got to standard
 // error, and exits.
 [[noreturn]] void showNotices() {
-    const kel::testing::CapturedSystemLog log;
-    fsutil::displayNotice("once", "first", 0, 1.5);
-    fsutil::displayNotice("once", "same title, other message", 0, 1.5);
-    fsutil::displayNotice("twice", "again", -1, 1.5);
-    fsutil::displayNotice("twice", "again", 1, 1.5);
-    // Neither text converts: nothing is shown, but the title is taken.
-    fsutil::displayNotice("caf\xc3\xa9", "r\xc3\xa9sum\xc3\xa9", 0, 1.5);
-    fsutil::displayNotice("caf\xc3\xa9", "plain", 0, 1.5);
-    fsutil::displayNotice("caf\xc3\xa9", "plain", 1, 1.5);
-    for (const std::string& line : log.lines()) {
+    std::vector<std::string> lines;
+    {  // closed before exit, which would leave its scratch folder behind
+        const kel::testing::CapturedSystemLog log;
+        fsutil::displayNotice("once", "first", 0, 1.5);
+        fsutil::displayNotice("once", "same title, other message", 0, 1.5);
+        fsutil::displayNotice("twice", "again", -1, 1.5);
+        fsutil::displayNotice("twice", "again", 1, 1.5);
+        // Neither text converts: nothing is shown, but the title is taken.
+        fsutil::displayNotice("caf\xc3\xa9", "r\xc3\xa9sum\xc3\xa9", 0, 1.5);
+        fsutil::displayNotice("caf\xc3\xa9", "plain", 0, 1.5);
+        fsutil::displayNotice("caf\xc3\xa9", "plain", 1, 1.5);
+        lines = log.lines();
+    }
+    for (const std::string& line : lines) {
         std::fprintf(stderr, "%s\n", line.c_str());
     }
     std::exit(0);

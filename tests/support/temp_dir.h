@@ -1,5 +1,5 @@
-// Shared test helpers: a scratch folder (under /tmp unless told otherwise) that
-// is removed with everything in it, and whole-file reads.
+// Shared test helpers: a scratch folder (under $TMPDIR, else /tmp, unless told
+// otherwise) that is removed with everything in it, and whole-file reads.
 #pragma once
 
 #include <stdlib.h>
@@ -14,7 +14,7 @@ namespace kel::testing {
 
 class TempDir {
   public:
-    TempDir() : TempDir("/tmp") {}
+    TempDir() : TempDir(getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp") {}
     explicit TempDir(const std::string& parent) {
         std::string pattern = parent + "/kelhelperd-test-XXXXXX";
         if (mkdtemp(pattern.data()) == nullptr) {

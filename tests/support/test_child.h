@@ -6,11 +6,14 @@
 #pragma once
 
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
+
+#include "tests/support/temp_dir.h"
 
 namespace kel::testing {
 
@@ -22,8 +25,13 @@ inline const char* childArgument() {
 // command line that follows it, such as "env NAME=value".
 inline int runTestAgain(const std::string& argument, const std::string& wrapper = "") {
     const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
-    return std::system(("exec " + wrapper + " env KEL_TEST_CHILD='" + argument + "' " +
-                        std::filesystem::read_symlink("/proc/self/exe").string() +
+    // The child's scratch folders go into one of this process's, which takes
+    // them along also when the child dies without removing them. The child may
+    // run as another user.
+    const TempDir scratch;
+    chmod(scratch.path().c_str(), 01777);
+    return std::system(("exec " + wrapper + " env TMPDIR=" + scratch.path() + " KEL_TEST_CHILD='" +
+                        argument + "' " + std::filesystem::read_symlink("/proc/self/exe").string() +
                         " --gtest_filter='" + test->test_suite_name() + "." + test->name() + "'")
                            .c_str());
 }
