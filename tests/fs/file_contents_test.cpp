@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "fs/volume.h"
 #include "tests/support/call_recorder.h"
 #include "tests/support/temp_dir.h"
 
@@ -53,7 +54,7 @@ TEST(FileContentsTest, CopyFileTruncatesAndCopiesTheModeOnlyWhenAsked) {
     }
 }
 
-TEST(FileContentsTest, ReadAndSizeReportFailures) {
+TEST(FileContentsTest, ReadAndSizesReportFailures) {
     const TempDir dir;
     std::ofstream(dir.file("empty"));
     std::ofstream(dir.file("five")) << "hello";
@@ -69,6 +70,10 @@ TEST(FileContentsTest, ReadAndSizeReportFailures) {
     EXPECT_TRUE(fsutil::fileSize(dir.file("five"), size) && size == 5);
     EXPECT_FALSE(fsutil::fileSize(dir.file("missing"), size));
     EXPECT_TRUE(fsutil::streamSize(stream, size) && size == 5 && stream.tellg() == 1);
+    uint64_t total = 0, available = 0, fragment = 0;
+    EXPECT_FALSE(fsutil::getVolumeStats(dir.file("missing"), total, available, fragment));
+    EXPECT_TRUE(fsutil::getVolumeStats(dir.path(), total, available, fragment));
+    EXPECT_TRUE(fragment > 0 && available > 0 && available <= total);
     const CallRecorder failingRead(InjectedFailure{"read", 1});
     EXPECT_FALSE(fsutil::readFile(dir.file("five"), bytes));
 }
