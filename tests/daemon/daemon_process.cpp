@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -93,10 +92,8 @@ std::optional<int> DaemonProcess::waitForExit(std::chrono::milliseconds timeout)
     status_ = status;
     // The pipe holds all that the process wrote (a few lines), and nobody
     // writes to it any more: a read of it through /proc ends at its end.
-    std::istringstream text(
-        stderr_.valid() ? readFile("/proc/self/fd/" + std::to_string(stderr_.get())) : "");
-    for (std::string line; std::getline(text, line);) {
-        lines_.push_back(line);
+    if (stderr_.valid()) {
+        lines_ = linesOf(readFile("/proc/self/fd/" + std::to_string(stderr_.get())));
     }
     return status_;
 }

@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -106,8 +105,7 @@ TEST_F(FlatFileLogWriterTest, ConcurrentRecordsAreWholeAndInOrder) {
     threads.clear();
     writer->open("");
     std::vector<int> next(kThreads);
-    std::istringstream lines(readFile(dir_.file("log")));
-    for (std::string line; std::getline(lines, line);) {
+    for (const std::string& line : linesOf(readFile(dir_.file("log")))) {
         const size_t thread = line.size() > 14 ? line[14] - '0' : kThreads;
         ASSERT_LT(thread, next.size()) << line;
         ASSERT_EQ(line, "0.000:Warning:" + std::to_string(thread) + ":" + text(next[thread]++));

@@ -2,15 +2,14 @@
 // records a log server hands to its writers, and the lines of the system log.
 #pragma once
 
-#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <atomic>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -72,7 +71,7 @@ inline std::string journalStreamOf(int fd) {
     return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
 }
 
-// Sends the system log into a scratch file for the life of the scope, named
+// Sends the system log into a file in memory for the life of the scope, named
 // as the journal's stream, so that its lines carry their priority.
 class CapturedSystemLog {
   public:
@@ -84,29 +83,22 @@ class CapturedSystemLog {
         previous_ = systemlog::redirectForTesting(fd_.get());
     }
     ~CapturedSystemLog() {
+        systemlog::redirectForTesting(previous_);
         if (previousStream_.empty()) {
             unsetenv("JOURNAL_STREAM");
         } else {
             setenv("JOURNAL_STREAM", previousStream_.c_str(), 1);
         }
-        systemlog::redirectForTesting(previous_);
     }
     CapturedSystemLog(const CapturedSystemLog&) = delete;
     CapturedSystemLog& operator=(const CapturedSystemLog&) = delete;
 
     std::vector<std::string> lines() const {
-        std::istringstream text(readFile(dir_.file("systemlog")));
-        std::vector<std::string> result;
-        for (std::string line; std::getline(text, line);) {
-            result.push_back(line);
-        }
-        return result;
+        return linesOf(readFile("/proc/self/fd/" + std::to_string(fd_.get())));
     }
 
   private:
-    TempDir dir_;
-    const platform::UniqueFd fd_{
-        open(dir_.file("systemlog").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)};
+    const platform::UniqueFd fd_{memfd_create("systemlog", MFD_CLOEXEC)};
     std::string previousStream_;
     int previous_ = -1;
 };

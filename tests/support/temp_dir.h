@@ -1,5 +1,6 @@
 // Shared test helpers: a scratch folder (under $TMPDIR, else /tmp, unless told
-// otherwise) that is removed with everything in it, and whole-file reads.
+// otherwise) that is removed with everything in it, whole-file reads and
+// their lines.
 #pragma once
 
 #include <stdlib.h>
@@ -9,6 +10,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace kel::testing {
 
@@ -42,6 +44,16 @@ inline std::string readFile(const std::string& path) {
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+// The lines of `text`, without their line feeds.
+inline std::vector<std::string> linesOf(const std::string& text) {
+    std::istringstream in(text);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
 }
 
 }  // namespace kel::testing
