@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -27,8 +28,6 @@
 namespace kel::testing {
 namespace {
 
-using ::testing::HasSubstr;
-
 constexpr const char* kNotAllowed = "Not allowed to host kel helper server!";
 constexpr const char* kBusy = "Server is busy";
 constexpr const char* kIdle = "Server is idle";
@@ -42,31 +41,28 @@ struct Scenario {
     int busyChecks = 0;                      // the server is busy at so many checks, then idle
     bool mirrorsOn = true;                   // the system log's default level
     bool recordsOn = true;                   // the level filter lets the records through
+    bool carrierBuild = true;                // where the log file is on by default
     const char* scratchFolder = "scratch/";  // in the test's folder
     std::function<void()> onStart = [] {};
     std::function<void()> onCheck = [] {};
 };
 
-class ScriptedServer : public HostedServer {
-  public:
-    explicit ScriptedServer(Scenario scenario) : scenario_(std::move(scenario)) {}
+struct ScriptedServer : HostedServer {
+    explicit ScriptedServer(const Scenario& scenario) : scenario(scenario) {}
     bool start() override {
-        scenario_.onStart();
+        scenario.onStart();
         started = true;
-        return scenario_.serverStarts;
+        return scenario.serverStarts;
     }
     void stop() override { stopped = started.load(); }
     bool isBusy() const override {
-        scenario_.onCheck();
-        return checks_.fetch_add(1) < scenario_.busyChecks;
+        scenario.onCheck();
+        return checks.fetch_add(1) < scenario.busyChecks;
     }
 
-    std::atomic<bool> started{false};
-    std::atomic<bool> stopped{false};
-
-  private:
-    const Scenario scenario_;
-    mutable std::atomic<int> checks_{0};
+    const Scenario scenario;
+    mutable std::atomic<int> checks{0};
+    std::atomic<bool> started{false}, stopped{false};
 };
 
 // What one life of the daemon left behind.
@@ -84,61 +80,72 @@ class LifecycleTest : public ::testing::Test {
     static void SetUpTestSuite() { setenv("KEL_PREFERENCES_DIR", sPreferences.path().c_str(), 1); }
 
     Life live(const Scenario& scenario) {
-        Life result;
+        Life life;
         const CapturedSystemLog systemLog;
         const auto writer = std::make_shared<RecordingWriter>();
         const std::string scratch = dir_.file(scenario.scratchFolder);
-        const DaemonParts parts{
-            .makeLogServer = [&]() -> std::shared_ptr<lum::LogServer> {
-                if (!scenario.logServer) {
-                    return nullptr;
-                }
-                auto server = lum::LogServer::create("kel-test");
-                server->addWriter(writer);
-                return server;
-            },
+        fakeDevice().carrierBuild = scenario.carrierBuild;
+        systemlog::setEnabled(systemlog::Level::kDefault, scenario.mirrorsOn);
+        lum::setMinimumLevel(scenario.recordsOn ? lum::LogLevel::kDebug : lum::LogLevel::kNotice);
+        life.status = runDaemon({
+            .makeLogServer =
+                [&] {
+                    auto server = scenario.logServer ? lum::LogServer::create("kel-test") : nullptr;
+                    if (server) {
+                        server->addWriter(writer);
+                    }
+                    return server;
+                },
             .mayHost = [&] { return scenario.mayHost; },
             .makeServer = [&](std::shared_ptr<lum::LogServer>) -> std::shared_ptr<HostedServer> {
-                return result.server = scenario.serverMade
-                                           ? std::make_shared<ScriptedServer>(scenario)
-                                           : nullptr;
+                return life.server = scenario.serverMade
+                                         ? std::make_shared<ScriptedServer>(scenario)
+                                         : nullptr;
             },
             .scratchFolder = scratch.c_str(),
             // Checks every millisecond, so that a run that ends by idleness is quick.
             .idleWatch = {1'000'000, 1'000'000, 0},
-        };
-        systemlog::setEnabled(systemlog::Level::kDefault, scenario.mirrorsOn);
-        lum::setMinimumLevel(scenario.recordsOn ? lum::LogLevel::kDebug : lum::LogLevel::kNotice);
-        result.status = runDaemon(parts);
+        });
         systemlog::setEnabled(systemlog::Level::kDefault, true);
         lum::setMinimumLevel(lum::LogLevel::kDebug);
-        result.systemLog = systemLog.lines();
+        life.systemLog = systemLog.lines();
         for (const lum::LogMessage& message : writer->messages()) {
-            result.records.push_back(message.secondText);
+            life.records.push_back(message.secondText);
         }
-        return result;
+        return life;
     }
 
     static inline TempDir sPreferences;
     TempDir dir_;
 };
 
-// Every way through the daemon's life ends with status 0 and the server, if
-// it was started, stopped; each message reaches the system log and the log
-// server in order, and none without a log server. Either way can be off on
-// its own, and the other goes on as it was.
+enum class LogFile { kKept, kNone, kNothingMade };
+
+// Every way through the daemon's life ends with status 0 and the server, if it
+// was started, stopped. Each message reaches the system log and the log server
+// in order, and none without a log server; either way can be off on its own.
+// The log file, named after the scratch folder and the program, glued, holds
+// the run's records; with the log off or without the folder's parent no
+// folder is made. A link another user put in the file's place is never
+// written through: the daemon says why once and runs on without a file.
 TEST_F(LifecycleTest, EndsInOrderOnEveryPath) {
+    const std::string program = program_invocation_short_name;
     const struct {
         const char* name;
         Scenario scenario;
         std::vector<std::string> messages;
-        const char* error = nullptr;  // the error line said first
+        LogFile logFile = LogFile::kKept;
+        const char* error = "";  // how the error line said first starts
+        bool linkAtLog = false;  // to a file of another run's
     } kCases[] = {
         {"may not host", {.mayHost = false}, {kNotAllowed, kExit}},
         {"no server could be made", {.serverMade = false}, {kNotAllowed, kExit}},
         {"busy at two checks, then idle", {.busyChecks = 2}, {kBusy, kBusy, kIdle, kExit}},
-        {"no log server, busy, then idle", {.logServer = false, .busyChecks = 2}, {}},
-        {"no log server, refused", {.logServer = false, .mayHost = false}, {}},
+        {"no log server, busy, then idle",
+         {.logServer = false, .busyChecks = 2},
+         {},
+         LogFile::kNone},
+        {"no log server, refused", {.logServer = false, .mayHost = false}, {}, LogFile::kNone},
         {"the system log off: records alone",
          {.busyChecks = 1, .mirrorsOn = false},
          {kBusy, kIdle, kExit}},
@@ -148,23 +155,62 @@ TEST_F(LifecycleTest, EndsInOrderOnEveryPath) {
         {"the server cannot start",
          {.serverStarts = false},
          {kExit},
+         LogFile::kKept,
          "<3>cannot start the helper server; ending"},
+        {"the log glued to a folder without a trailing slash",
+         {.mayHost = false, .scratchFolder = "scratch"},
+         {kNotAllowed, kExit}},
+        {"the log off off carrier builds",
+         {.mayHost = false, .carrierBuild = false},
+         {kNotAllowed, kExit},
+         LogFile::kNothingMade},
+        {"no log without the scratch folder's parent",
+         {.mayHost = false, .scratchFolder = "missing/scratch/"},
+         {kNotAllowed, kExit},
+         LogFile::kNothingMade},
+        {"a link in the log file's place",
+         {.mayHost = false},
+         {kNotAllowed, kExit},
+         LogFile::kNone,
+         "<3>not keeping a log file: ",
+         true},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.name);
-        const Life life = live(c.scenario);
+        std::filesystem::remove_all(dir_.path());
+        std::filesystem::create_directory(dir_.path());
+        const std::string log = dir_.file(c.scenario.scratchFolder) + program + ".log";
+        if (c.linkAtLog) {
+            std::filesystem::create_directory(dir_.file("scratch"));
+            std::ofstream(dir_.file("victim")) << "precious";
+            std::filesystem::create_symlink(dir_.file("victim"), log);
+        }
+        Life life = live(c.scenario);
         EXPECT_EQ(life.status, 0);
-        std::vector<std::string> lines;
-        if (c.error != nullptr) {
-            lines.push_back(c.error);
-        }
-        for (const std::string& message : c.messages) {
-            lines.push_back("<5>#I " + message);
-        }
-        EXPECT_EQ(life.systemLog, c.scenario.mirrorsOn ? lines : std::vector<std::string>{});
-        EXPECT_EQ(life.records, c.scenario.recordsOn ? c.messages : std::vector<std::string>{});
         if (life.server) {
             EXPECT_TRUE(life.server->started && life.server->stopped);
+        }
+        if (c.error[0] != '\0') {
+            ASSERT_FALSE(life.systemLog.empty());
+            EXPECT_THAT(life.systemLog.front(), ::testing::StartsWith(c.error));
+            life.systemLog.erase(life.systemLog.begin());
+        }
+        std::vector<std::string> mirrors, lines;
+        for (const std::string& message : c.messages) {
+            mirrors.push_back("<5>#I " + message);
+        }
+        EXPECT_EQ(life.systemLog, c.scenario.mirrorsOn ? mirrors : std::vector<std::string>{});
+        EXPECT_EQ(life.records, c.scenario.recordsOn ? c.messages : std::vector<std::string>{});
+        const std::regex record("[0-9]+\\.[0-9]{3}:Info:" + program + ":(.*)");
+        for (const std::string& line : linesOf(c.linkAtLog ? "" : readFile(log))) {
+            std::smatch text;
+            lines.push_back(std::regex_match(line, text, record) ? text[1].str() : "?" + line);
+        }
+        EXPECT_EQ(lines, c.logFile == LogFile::kKept ? life.records : std::vector<std::string>{});
+        EXPECT_EQ(std::filesystem::exists(dir_.file("scratch")),
+                  c.logFile != LogFile::kNothingMade);
+        if (c.linkAtLog) {
+            EXPECT_EQ(readFile(dir_.file("victim")), "precious");
         }
     }
 }
@@ -191,65 +237,6 @@ TEST_F(LifecycleTest, SigtermKillsUntilWatchedThenEndsInOrder) {
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
     status = runTestAgain("watched");
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-}
-
-// Whether there is a log file is the enabling preference's call (on by
-// default on a carrier build that is not internal); its path is the scratch
-// folder and the program name, glued. Each start truncates it, and a refused
-// one writes both its records. A link another user put in its place (see the
-// writer's own tests for every kind of hostile file) is never written through:
-// the daemon says why once and runs on without a file.
-TEST_F(LifecycleTest, KeepsItsOwnLogFileOnlyWhereItIsSafe) {
-    constexpr char kLeftover[] = "an earlier run's line\n";
-    const std::string program = program_invocation_short_name;
-    const struct {
-        const char* name;
-        const char* scratchFolder;
-        bool carrierBuild = true;
-        bool written = false;      // else nothing is made, and a link's target stays
-        bool linkInPlace = false;  // to an earlier run's file
-    } kCases[] = {
-        {.name = "on on a carrier build, glued to a folder without a trailing slash",
-         .scratchFolder = "scratch",
-         .written = true},
-        {.name = "off off carrier builds", .scratchFolder = "scratch/", .carrierBuild = false},
-        {.name = "no file and no complaint without the folder's parent",
-         .scratchFolder = "missing/scratch/"},
-        {.name = "a link in the file's place", .scratchFolder = "scratch/", .linkInPlace = true},
-    };
-    for (const auto& c : kCases) {
-        SCOPED_TRACE(c.name);
-        std::filesystem::remove_all(dir_.path());
-        std::filesystem::create_directory(dir_.path());
-        const std::string log = dir_.file(c.scratchFolder) + program + ".log";
-        if (c.linkInPlace) {
-            std::filesystem::create_directory(dir_.file("scratch"));
-            std::ofstream(dir_.file("victim")) << kLeftover;
-            std::filesystem::create_symlink(dir_.file("victim"), log);
-        }
-        if (c.written) {
-            std::ofstream(log) << kLeftover;
-        }
-        fakeDevice().carrierBuild = c.carrierBuild;
-        const Life life = live({.mayHost = false, .scratchFolder = c.scratchFolder});
-
-        if (c.written) {
-            const std::string record = "[0-9]+\\.[0-9]{3}:Info:" + program + ":";
-            EXPECT_THAT(readFile(log), ::testing::MatchesRegex(record + kNotAllowed + "\n" +
-                                                               record + kExit + "\n"));
-        } else if (c.linkInPlace) {
-            EXPECT_EQ(readFile(dir_.file("victim")), kLeftover);
-        } else {
-            EXPECT_TRUE(std::filesystem::is_empty(dir_.path()));
-        }
-        // Before the two records' mirrors, only why there is no file.
-        ASSERT_EQ(life.systemLog.size(), c.linkInPlace ? 3u : 2u);
-        if (c.linkInPlace) {
-            EXPECT_THAT(life.systemLog[0],
-                        ::testing::AllOf(HasSubstr("<3>not keeping a log file: "),
-                                         HasSubstr("symbolic link")));
-        }
-    }
 }
 
 }  // namespace
