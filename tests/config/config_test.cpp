@@ -32,16 +32,11 @@ class ConfigTest : public ::testing::Test {
         sFolder.file(KELProperties::kDomain + std::string(".json"));
 };
 
-// The range checks of the conversions are the preferences fuzz target's; the
+// Defaults that are more than a constant, and values of the wrong type. The
+// range checks of the conversions are the preferences fuzz target's; the
 // defaults that follow the device are kelprefs_test's, on real device
 // descriptions.
-TEST_F(ConfigTest, KeysHaveTheirDefaultsAndTakeOnlyValuesOfTheirOwnType) {
-    EXPECT_EQ(KELProperties::getHistory(), 4);
-    EXPECT_EQ(KELProperties::getTUDebugFlags(), 10u);
-    EXPECT_EQ(KELProperties::getRFSFlushInterval(), 7200u);
-    EXPECT_EQ(KELProperties::getBEDLogTimeout(), 5u);
-    EXPECT_FALSE(KELProperties::getRFSForcedSync() || KELProperties::getBlockBasebandResets() ||
-                 KELProperties::getCoreDumpOnSoftResetTimeout());
+TEST_F(ConfigTest, KeysTakeOnlyValuesOfTheirOwnType) {
     EXPECT_EQ(KELProperties::getStackshotOnShutdownTimeout(), kel::trace::isAllowed());
     EXPECT_EQ(KELProperties::getLogScratchPath(), kel::trace::kScratchFolder);
     EXPECT_EQ(KELProperties::getLogSnapshotPath(), kel::trace::kSnapshotFolder);
@@ -82,8 +77,9 @@ TEST_F(ConfigTest, TriStateKeysDecideFromTheRadioUnlessSetToZeroOrOne) {
 }
 
 // Whether the record is of a carrier or an internal build, then the radio
-// the platform reports at the call.
-TEST_F(ConfigTest, CurrentRadioQuestionsAskThePlatformAgain) {
+// the platform reports at the call. The fake infers the fusing state from the
+// length of the serial number, or takes the certificate id for it.
+TEST_F(ConfigTest, QuestionsThatAskThePlatformAgain) {
     fakeDevice().carrierBuild = false;
     const Capabilities neither;
     fakeDevice().internalBuild = true;
@@ -96,11 +92,7 @@ TEST_F(ConfigTest, CurrentRadioQuestionsAskThePlatformAgain) {
                 Capabilities::currentRadioIs7Or9());
     fakeDevice().radio = 6;
     EXPECT_TRUE(Capabilities::currentRadioIs6Or7Or9() && !Capabilities::currentRadioIs7Or9());
-}
 
-// The fake infers the fusing state from the length of the serial number, or
-// takes the certificate id for it.
-TEST_F(ConfigTest, FusingStateComesFromTheWholeSerialNumberOrTheCertificate) {
     const uint8_t serial[] = {'A', 0, 'B'};
     EXPECT_EQ(Capabilities::getFusingState(serial, 1), RadioFusingState::kUnFused);
     fakeDevice().fusingCertIDFromSerialNumber = true;
