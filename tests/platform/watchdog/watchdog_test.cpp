@@ -57,34 +57,29 @@ TEST(WatchdogTableTest, GuardsAreIndependentUntilTheTableIsFull) {
         ASSERT_EQ(start(&handle), 0);
     }
     uint64_t refused = 1;
-    EXPECT_EQ(start(&refused), -1);
-    EXPECT_EQ(refused, 0u);
-    EXPECT_EQ(stop(&refused), -1);
+    EXPECT_TRUE(start(&refused) == -1 && refused == 0 && stop(&refused) == -1);
     uint64_t stale = handles[7];
-    EXPECT_EQ(stop(&handles[7]), 0);
-    EXPECT_EQ(start(&handles[7]), 0);
-    EXPECT_EQ(stop(&stale), -1);
+    EXPECT_TRUE(stop(&handles[7]) == 0 && start(&handles[7]) == 0 && stop(&stale) == -1);
 
     for (int i = 0; i < 4; ++i) {
         EXPECT_EQ(stop(&handles[i]), 0);
     }
     std::atomic<int> failures{0};
     std::latch go(8);
-    {
-        std::vector<std::jthread> threads;
-        for (int t = 0; t < 8; ++t) {
-            // Counted per thread: a shared counter would order the threads' calls.
-            threads.emplace_back([&failures, &go] {
-                int failed = 0;
-                go.arrive_and_wait();
-                for (int round = 0; round < 20000; ++round) {
-                    uint64_t handle = 0;
-                    failed += start(&handle) == 0 && stop(&handle) != 0;
-                }
-                failures += failed;
-            });
-        }
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 8; ++t) {
+        // Counted per thread: a shared counter would order the threads' calls.
+        threads.emplace_back([&failures, &go] {
+            int failed = 0;
+            go.arrive_and_wait();
+            for (int round = 0; round < 20000; ++round) {
+                uint64_t handle = 0;
+                failed += start(&handle) == 0 && stop(&handle) != 0;
+            }
+            failures += failed;
+        });
     }
+    threads.clear();
     EXPECT_EQ(failures, 0);
     for (size_t i = 4; i < handles.size(); ++i) {
         EXPECT_EQ(stop(&handles[i]), 0);
