@@ -1,6 +1,5 @@
-// Shared test helpers: a scratch folder (under $TMPDIR, else /tmp, unless told
-// otherwise) that is removed with everything in it, whole-file reads and
-// their lines.
+// Shared test helpers: a scratch folder (under $TMPDIR, else /tmp) that is
+// removed with everything in it, whole-file reads and their lines.
 #pragma once
 
 #include <stdlib.h>
@@ -16,13 +15,11 @@ namespace kel::testing {
 
 class TempDir {
   public:
-    TempDir() : TempDir(getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp") {}
-    explicit TempDir(const std::string& parent) {
-        std::string pattern = parent + "/kelhelperd-test-XXXXXX";
-        if (mkdtemp(pattern.data()) == nullptr) {
+    TempDir() : path_(getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp") {
+        path_ += "/kelhelperd-test-XXXXXX";
+        if (mkdtemp(path_.data()) == nullptr) {
             throw std::runtime_error("mkdtemp failed");
         }
-        path_ = pattern;
     }
     ~TempDir() {
         std::error_code ignored;
