@@ -1,8 +1,5 @@
 #include "platform/systemlog/system_log.h"
 
-#include <stdlib.h>
-#include <sys/mman.h>
-
 #include <string>
 #include <vector>
 
@@ -32,13 +29,10 @@ TEST(SystemLogTest, WritesOneLinePerEnabledMessagePrefixedOnlyOnTheJournal) {
                   (std::vector<std::string>{"<5>plain 7", "<5>", "<3>Error a\\n (b)",
                                             "<3><" + longText + "=42>", "<3>shown"}));
     }
-    const platform::UniqueFd plain(memfd_create("plain", MFD_CLOEXEC));
-    unsetenv("JOURNAL_STREAM");
-    const int previous = systemlog::redirectForTesting(plain.get());
+    const CapturedSystemLog plain(/*asJournal=*/false);
     systemlog::write(handle, systemlog::Level::kDefault, "default");
     systemlog::write(handle, systemlog::Level::kError, "error");
-    systemlog::redirectForTesting(previous);
-    EXPECT_EQ(readFile("/proc/self/fd/" + std::to_string(plain.get())), "default\nerror\n");
+    EXPECT_EQ(plain.lines(), (std::vector<std::string>{"default", "error"}));
 }
 
 }  // namespace
