@@ -19,15 +19,17 @@
 constexpr char kHungReason[] = "watchdog test: step hung";
 int sStepLine = 0;
 
-// Outside the anonymous namespace: the executable exports it, so the report's
-// backtrace names it.
-__attribute__((noinline)) ssize_t readUnderWatchdog(int fd, char* byte) {
+// What the read returned, the byte read and errno. Outside the anonymous
+// namespace: the executable exports it, so the report's backtrace names it.
+__attribute__((noinline)) std::string readUnderWatchdog(int fd) {
     uint64_t handle = 0;
+    char byte = 0;
     TelephonyBasebandWatchdogStartWithStackshot(&handle, 5000, kHungReason);
+    errno = 0;
     sStepLine = __LINE__ + 1;
-    const ssize_t result = read(fd, byte, 1);
+    const ssize_t result = read(fd, &byte, 1);
     TelephonyBasebandWatchdogStop(&handle);
-    return result;
+    return std::to_string(result) + byte + std::to_string(errno);
 }
 
 // Defined only when the ThreadSanitizer runtime is linked in.
@@ -37,8 +39,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-int start(uint64_t* handle, const char* reason = "watchdog test") {
-    return TelephonyBasebandWatchdogStartWithStackshot(handle, 5000, reason);
+int start(uint64_t* handle) {
+    return TelephonyBasebandWatchdogStartWithStackshot(handle, 5000, "watchdog test");
 }
 int stop(uint64_t* handle) {
     return TelephonyBasebandWatchdogStop(handle);
@@ -103,16 +105,13 @@ TEST(WatchdogReportTest, HungStepIsReportedOnceAndResultKept) {
     TelephonyBasebandWatchdogStartWithStackshot(&quick, 1000, "watchdog test: quick step");
     stop(&quick);
 
-    std::string stepOutcome;  // what the read returned, the byte read and errno
+    std::string stepOutcome;
     pid_t stepThread = 0;
     const auto armedAt = std::chrono::steady_clock::now();
     std::thread step([&] {
         pthread_setname_np(pthread_self(), "hung-step");
         stepThread = gettid();
-        char byte = 0;
-        errno = 0;
-        const ssize_t result = readUnderWatchdog(release[0], &byte);
-        stepOutcome = std::to_string(result) + byte + std::to_string(errno);
+        stepOutcome = readUnderWatchdog(release[0]);
     });
     // Read up to the end of the report's last line, which names its file.
     std::string report;
