@@ -42,9 +42,7 @@ using namespace std::chrono_literals;
 int start(uint64_t* handle) {
     return TelephonyBasebandWatchdogStartWithStackshot(handle, 5000, "watchdog test");
 }
-int stop(uint64_t* handle) {
-    return TelephonyBasebandWatchdogStop(handle);
-}
+constexpr auto* stop = TelephonyBasebandWatchdogStop;
 
 // Guards are independent of each other until the table is full. A refused
 // start arms nothing and hands out handle 0, which Stop ignores; a stop with
