@@ -72,14 +72,14 @@ inline std::string journalStreamOf(int fd) {
 }
 
 // Sends the system log into a file in memory for the life of the scope, named
-// as the journal's stream, so that its lines carry their priority.
+// as the journal's stream, so that its lines carry their priority, unless
+// `asJournal` is false: then JOURNAL_STREAM names no stream, and lines are
+// plain text, as in any file.
 class CapturedSystemLog {
   public:
-    CapturedSystemLog() {
-        if (const char* stream = getenv("JOURNAL_STREAM")) {
-            previousStream_ = stream;
-        }
-        setenv("JOURNAL_STREAM", journalStreamOf(fd_.get()).c_str(), 1);
+    explicit CapturedSystemLog(bool asJournal = true)
+        : previousStream_(getenv("JOURNAL_STREAM") != nullptr ? getenv("JOURNAL_STREAM") : "") {
+        setenv("JOURNAL_STREAM", asJournal ? journalStreamOf(fd_.get()).c_str() : "", 1);
         previous_ = systemlog::redirectForTesting(fd_.get());
     }
     ~CapturedSystemLog() {

@@ -1,12 +1,12 @@
-// Shared test helpers: a scratch folder (under $TMPDIR, else /tmp, unless told
-// otherwise) that is removed with everything in it, whole-file reads and
-// their lines.
+// Shared test helpers: a scratch folder (under $TMPDIR, else /tmp) that is
+// removed with everything in it, whole-file reads and their lines.
 #pragma once
 
 #include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -16,13 +16,11 @@ namespace kel::testing {
 
 class TempDir {
   public:
-    TempDir() : TempDir(getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp") {}
-    explicit TempDir(const std::string& parent) {
-        std::string pattern = parent + "/kelhelperd-test-XXXXXX";
-        if (mkdtemp(pattern.data()) == nullptr) {
+    TempDir() : path_(getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp") {
+        path_ += "/kelhelperd-test-XXXXXX";
+        if (mkdtemp(path_.data()) == nullptr) {
             throw std::runtime_error("mkdtemp failed");
         }
-        path_ = pattern;
     }
     ~TempDir() {
         std::error_code ignored;
@@ -41,9 +39,7 @@ class TempDir {
 // The whole content of `path`; empty when it cannot be read.
 inline std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // The lines of `text`, without their line feeds.

@@ -32,18 +32,14 @@ using platform::UniqueFd;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-constexpr uid_t kOtherUser = 65534;
-
 // Waits up to a few seconds for `condition`; there is no event to wait on
 // for what the server's thread has done.
 bool becomes(const std::function<bool()>& condition) {
-    for (const auto end = std::chrono::steady_clock::now() + 5s;
-         std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(1ms)) {
-        if (condition()) {
-            return true;
-        }
+    const auto end = std::chrono::steady_clock::now() + 5s;
+    while (!condition() && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(1ms);
     }
-    return false;
+    return condition();
 }
 
 class HelperServerTest : public ::testing::Test {
@@ -56,16 +52,17 @@ class HelperServerTest : public ::testing::Test {
     TempDir dir_;
 };
 
-// A client keeps the server busy until it closes, also after it has shut
-// down its writing side (it may still wait for an answer). A stopped server
-// is never busy, whoever was connected, and its socket is gone. (That stop
-// does not wait for clients that write flat out, the daemon's own test
-// checks against a bound.)
+// A socket that a dead server left, which nobody accepts on, is replaced. A
+// client keeps the server busy until it closes, also after it has shut down
+// its writing side (it may still wait for an answer). A stopped server is
+// never busy, whoever was connected, and its socket is gone. (That stop does
+// not wait for clients that write flat out, the daemon's own test checks
+// against a bound.)
 TEST_F(HelperServerTest, BusyWhileAClientStaysAndNeverOnceStopped) {
+    ASSERT_TRUE(std::filesystem::create_directory(runtime()));
+    close(unixSocketAt(socketPath(), /*listening=*/true));
     const std::shared_ptr<HelperServer> server = HelperServer::create(nullptr);
-    ASSERT_TRUE(server);
-    ASSERT_TRUE(server->start());
-    EXPECT_FALSE(server->isBusy());
+    ASSERT_TRUE(server && server->start());
     UniqueFd client(unixSocketAt(socketPath()));
     ASSERT_EQ(shutdown(client.get(), SHUT_WR), 0);
     EXPECT_TRUE(becomes([&] { return server->isBusy(); }));
@@ -81,8 +78,7 @@ TEST_F(HelperServerTest, BusyWhileAClientStaysAndNeverOnceStopped) {
 }
 
 // What is in the way of the socket, or is wrong with its folder, makes
-// create refuse with one line that says what; a socket that a dead server
-// left, which nobody accepts on, is replaced. (Which owners and modes make a
+// create refuse with one line that says what. (Which owners and modes make a
 // folder untrusted, the log writer's test checks on the same code.)
 TEST_F(HelperServerTest, RefusesWhatIsInTheWayAndSaysWhat) {
     const std::string socket = socketPath();
@@ -90,40 +86,33 @@ TEST_F(HelperServerTest, RefusesWhatIsInTheWayAndSaysWhat) {
     const struct {
         const char* name;
         std::function<void()> place;
-        const char* why;  // null: the server is made
+        const char* why;
     } kCases[] = {
         {"a folder at the socket", [&] { mkdir(socket.c_str(), 0755); }, "a folder is in the way"},
         {"a file at the socket", [&] { std::ofstream{socket}; }, "other than a socket"},
         {"another program's socket",
          [&] { listening.reset(unixSocketAt(socket, /*listening=*/true)); }, "another program"},
-        {"a dead server's socket", [&] { close(unixSocketAt(socket, /*listening=*/true)); },
-         nullptr},
-        {"a socket path longer than an address holds",
-         [&] { setenv("KEL_HELPER_RUNTIME_DIR", dir_.file(std::string(100, 'n')).c_str(), 1); },
-         "longer than 107 bytes"},
         {"a link for the runtime folder",
          [&] {
              std::filesystem::remove(runtime());
              std::filesystem::create_directory_symlink(dir_.file("elsewhere"), runtime());
          },
          "symbolic link"},
+        // Last: the other runtime folder stays for the rest of the test.
+        {"a socket path longer than an address holds",
+         [&] { setenv("KEL_HELPER_RUNTIME_DIR", dir_.file(std::string(100, 'n')).c_str(), 1); },
+         "longer than 107 bytes"},
     };
+    std::filesystem::create_directory(dir_.file("elsewhere"));
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.name);
-        std::filesystem::remove_all(dir_.path());
-        std::filesystem::create_directories(dir_.file("elsewhere"));
+        std::filesystem::remove_all(runtime());
         std::filesystem::create_directory(runtime());
-        setenv("KEL_HELPER_RUNTIME_DIR", runtime().c_str(), 1);
-        listening.reset();
         c.place();
         const CapturedSystemLog systemLog;
-        const std::shared_ptr<HelperServer> server = HelperServer::create(nullptr);
-        EXPECT_EQ(server == nullptr, c.why != nullptr);
-        if (c.why != nullptr) {
-            EXPECT_THAT(systemLog.lines(),
-                        ElementsAre(::testing::AllOf(::testing::StartsWith("<3>cannot "),
-                                                     HasSubstr(c.why))));
-        }
+        EXPECT_EQ(HelperServer::create(nullptr), nullptr);
+        EXPECT_THAT(systemLog.lines(), ElementsAre(::testing::AllOf(
+                                           ::testing::StartsWith("<3>cannot "), HasSubstr(c.why))));
         EXPECT_TRUE(std::filesystem::is_empty(dir_.file("elsewhere")));
     }
 }
@@ -134,47 +123,40 @@ TEST_F(HelperServerTest, RefusesWhatIsInTheWayAndSaysWhat) {
 TEST_F(HelperServerTest, OnlyOneProcessHostsAndNobodyElseCanStopIt) {
     const std::string lock = runtime() + "/helper-server.lock";
     ASSERT_TRUE(std::filesystem::create_directory(runtime()));
+    const CapturedSystemLog systemLog;
     std::filesystem::create_directory_symlink(dir_.path(), lock);
-    {
-        const CapturedSystemLog systemLog;
-        EXPECT_EQ(sCanHostHelperServer(), 0);
-        EXPECT_THAT(systemLog.lines(), ElementsAre(HasSubstr("symbolic link")));
-    }
+    EXPECT_EQ(sCanHostHelperServer(), 0);
     std::filesystem::remove(lock);
     std::ofstream{lock};
     chmod(lock.c_str(), 0644);
-    {
-        const UniqueFd other(open(lock.c_str(), O_RDONLY | O_CLOEXEC));
-        ASSERT_EQ(flock(other.get(), LOCK_EX), 0);
-        const CapturedSystemLog systemLog;
-        EXPECT_EQ(sCanHostHelperServer(), 0);
-        EXPECT_TRUE(systemLog.lines().empty()) << "another holder is the ordinary refusal";
-    }
+    UniqueFd other(open(lock.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(flock(other.get(), LOCK_EX), 0);
+    EXPECT_EQ(sCanHostHelperServer(), 0);
+    other.reset(open(lock.c_str(), O_RDONLY | O_CLOEXEC));  // the other holder lets go
     EXPECT_EQ(sCanHostHelperServer(), 1);
     EXPECT_EQ(std::filesystem::status(lock).permissions(),
               std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
-    const UniqueFd other(open(lock.c_str(), O_RDONLY | O_CLOEXEC));
     EXPECT_NE(flock(other.get(), LOCK_EX | LOCK_NB), 0);
     EXPECT_EQ(sCanHostHelperServer(), 1);
+    // Only the link is said: another holder is the ordinary refusal.
+    EXPECT_THAT(systemLog.lines(), ElementsAre(HasSubstr("symbolic link")));
 }
 
 // Without KEL_HELPER_RUNTIME_DIR, each user's folder is /tmp/kel-UID: made
 // private, and refused once it is not (that a link is refused, the runtime
-// folder's own case shows). Run as another user, in a child.
+// folder's own case shows). Run as another user, nobody (65534), in a child
+// whose refusal goes to its standard error.
 TEST_F(HelperServerTest, EachUsersDefaultFolderIsPrivate) {
-    const std::string folder = "/tmp/kel-" + std::to_string(kOtherUser);
     if (const char* expected = childArgument()) {
         unsetenv("KEL_HELPER_RUNTIME_DIR");
-        const CapturedSystemLog systemLog;
-        EXPECT_EQ(HelperServer::create(nullptr) != nullptr, std::string(expected) == "made")
-            << ::testing::PrintToString(systemLog.lines());
+        EXPECT_EQ(HelperServer::create(nullptr) != nullptr, std::string(expected) == "made");
         return;
     }
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root, to run as another user";
     }
-    const std::string user = std::to_string(kOtherUser);
-    const std::string asUser = "setpriv --reuid=" + user + " --regid=" + user + " --clear-groups";
+    const std::string folder = "/tmp/kel-65534";
+    const std::string asUser = "setpriv --reuid=65534 --regid=65534 --clear-groups";
     std::filesystem::remove_all(folder);
     EXPECT_EQ(runTestAgain("made", asUser), 0);
     EXPECT_EQ(std::filesystem::status(folder).permissions(), std::filesystem::perms::owner_all);
