@@ -26,15 +26,12 @@ TEST(FileContentsTest, CopyFileTruncatesAndCopiesTheModeOnlyWhenAsked) {
     for (const bool copyMode : {false, true}) {
         std::ofstream(copy) << std::string(8000, 'o');
         chmod(copy.c_str(), 0600);
+        // The first copy is one the kernel will not make: the buffer loop makes it.
+        const CallRecorder refused(InjectedFailure{"copy_file_range", copyMode ? 0 : 1, EXDEV});
         EXPECT_TRUE(fsutil::copyFile(source, copy, copyMode));
         EXPECT_TRUE(readFile(copy) == bytes);
         EXPECT_EQ(int(std::filesystem::status(copy).permissions()), copyMode ? 0640 : 0600);
     }
-    {  // Where the kernel will not copy, the buffer loop does.
-        const CallRecorder refused(InjectedFailure{"copy_file_range", 1, EXDEV});
-        EXPECT_TRUE(fsutil::copyFile(source, dir.file("fresh"), false));
-    }
-    EXPECT_TRUE(readFile(dir.file("fresh")) == bytes);
     EXPECT_FALSE(fsutil::copyFile(dir.file("missing"), dir.file("none"), false));
     EXPECT_FALSE(std::filesystem::exists(dir.file("none")));
     // The source itself, here through a link, is never emptied.
