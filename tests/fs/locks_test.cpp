@@ -36,11 +36,10 @@ TEST(LockSharedTest, WaitsForAWriteLockOnly) {
             fd = fsutil::lockShared(file);
             taker = -1;
         });
-        const std::string inFcntl = std::to_string(SYS_fcntl) + " ";
         while (taker != -1 &&
                !(type == F_WRLCK &&
                  kel::testing::readFile("/proc/self/task/" + std::to_string(taker) + "/syscall")
-                     .starts_with(inFcntl))) {
+                     .starts_with(std::to_string(SYS_fcntl) + " "))) {
         }
         EXPECT_EQ(taker == -1, type == F_RDLCK);
         holder.reset();  // the lock goes with its last descriptor

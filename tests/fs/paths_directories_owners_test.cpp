@@ -214,9 +214,10 @@ TEST(OwnershipTest, OnlyAnUnknownAccountIsLogged) {
                 ElementsAre("<3>Getting uid and gid: failed to get passwd for _wireless"));
 }
 
-// A file given is changed alone; p/d/.. gives p away; links are followed, to files and into
-// folders, and a link back into a folder being walked ends the walk. Then a chown that fails
-// part-way leaves what came before it in the listing changed, the rest not.
+// A file given is changed alone; p/d/.. gives p away; links are followed, to
+// files and into folders, and a link back into a folder being walked ends the
+// walk. Then a chown that fails part-way leaves what came before it in the
+// listing changed, the rest not.
 TEST(OwnershipTest, ChangeOwnerRecursive) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "giving files away needs root";
