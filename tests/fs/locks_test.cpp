@@ -25,7 +25,7 @@ TEST(LockSharedTest, WaitsForAWriteLockOnly) {
     const std::string file = dir.file("locked");
     std::ofstream(file) << "contents";
     for (const short type : {F_RDLCK, F_WRLCK}) {
-        const platform::UniqueFd holder(open(file.c_str(), O_RDWR | O_CLOEXEC));
+        platform::UniqueFd holder(open(file.c_str(), O_RDWR | O_CLOEXEC));
         struct flock lock {};
         lock.l_type = type;
         ASSERT_EQ(fcntl(holder.get(), F_OFD_SETLK, &lock), 0);
@@ -36,15 +36,13 @@ TEST(LockSharedTest, WaitsForAWriteLockOnly) {
             fd = fsutil::lockShared(file);
             taker = -1;
         });
-        const std::string inFcntl = std::to_string(SYS_fcntl) + " ";
         while (taker != -1 &&
                !(type == F_WRLCK &&
                  kel::testing::readFile("/proc/self/task/" + std::to_string(taker) + "/syscall")
-                     .starts_with(inFcntl))) {
+                     .starts_with(std::to_string(SYS_fcntl) + " "))) {
         }
         EXPECT_EQ(taker == -1, type == F_RDLCK);
-        lock.l_type = F_UNLCK;
-        ASSERT_EQ(fcntl(holder.get(), F_OFD_SETLK, &lock), 0);
+        holder.reset();  // the lock goes with its last descriptor
         taking.join();
         EXPECT_TRUE(fsutil::unlockAndClose(fd)) << type;
     }

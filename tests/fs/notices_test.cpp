@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -17,20 +16,18 @@ namespace {
 // Shows the notices of NoticeTest, writes what the system log got to standard
 // error, and exits.
 [[noreturn]] void showNotices() {
-    std::vector<std::string> lines;
-    {  // closed before exit, which would leave its scratch folder behind
-        const kel::testing::CapturedSystemLog log;
-        fsutil::displayNotice("once", "first", 0, 1.5);
-        fsutil::displayNotice("once", "same title, other message", 0, 1.5);
-        fsutil::displayNotice("twice", "again", -1, 1.5);
-        fsutil::displayNotice("twice", "again", 1, 1.5);
-        // Neither text converts: nothing is shown, but the title is taken.
-        fsutil::displayNotice("caf\xc3\xa9", "r\xc3\xa9sum\xc3\xa9", 0, 1.5);
-        fsutil::displayNotice("caf\xc3\xa9", "plain", 0, 1.5);
-        fsutil::displayNotice("caf\xc3\xa9", "plain", 1, 1.5);
-        lines = log.lines();
-    }
-    for (const std::string& line : lines) {
+    const kel::testing::CapturedSystemLog log;
+    fsutil::displayNotice("once", "first", 0, 1.5);
+    fsutil::displayNotice("once", "same title, other message", 0, 1.5);
+    // A showing that allows repeats (any value but 0) does not use up the
+    // title's one showing.
+    fsutil::displayNotice("twice", "again", -1, 1.5);
+    fsutil::displayNotice("twice", "again", 0, 1.5);
+    // Neither text converts: nothing is shown, but the title is taken.
+    fsutil::displayNotice("caf\xc3\xa9", "r\xc3\xa9sum\xc3\xa9", 0, 1.5);
+    fsutil::displayNotice("caf\xc3\xa9", "plain", 0, 1.5);
+    fsutil::displayNotice("caf\xc3\xa9", "plain", 1, 1.5);
+    for (const std::string& line : log.lines()) {
         std::fprintf(stderr, "%s\n", line.c_str());
     }
     std::exit(0);

@@ -6,8 +6,8 @@ bool CallRecorder::onCall(const char* function) {
     if (armedGuards == 0) {
         unguardedCalls.insert(function);
     }
-    if (failure.nth <= 0 || (!failure.function.empty() && failure.function != function) ||
-        ++counted != failure.nth) {
+    // The count starts at 1: a failure at call 0 never comes.
+    if ((!failure.function.empty() && failure.function != function) || ++counted != failure.nth) {
         return false;
     }
     injected = function;

@@ -32,10 +32,7 @@ struct InjectedFailure {
 };
 
 struct CallRecorder {
-    explicit CallRecorder(InjectedFailure injectedFailure = {})
-        : failure(std::move(injectedFailure)) {
-        sActive = this;
-    }
+    explicit CallRecorder(InjectedFailure planned) : failure(std::move(planned)) { sActive = this; }
     ~CallRecorder() { sActive = nullptr; }
     CallRecorder(const CallRecorder&) = delete;
     CallRecorder& operator=(const CallRecorder&) = delete;

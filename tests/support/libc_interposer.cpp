@@ -86,8 +86,7 @@ extern "C" int close(int fd) {
 // A guard armed under a recorder is counted there and gets a handle other than
 // 0; any other gets 0, which the stop ignores.
 extern "C" int TelephonyBasebandWatchdogStartWithStackshot(uint64_t* handle, int32_t, const char*) {
-    CallRecorder* const recorder = CallRecorder::sActive;
-    *handle = recorder != nullptr ? ++recorder->armedGuards : 0;
+    *handle = CallRecorder::sActive != nullptr ? ++CallRecorder::sActive->armedGuards : 0;
     return 0;
 }
 
