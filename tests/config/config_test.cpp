@@ -9,19 +9,22 @@
 #include "config/capabilities.h"
 #include "config/kel_properties.h"
 #include "platform/trace/trace.h"
-#include "tests/doubles/fake_device.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
 
-using kel::testing::fakeDevice;
-
-// The shared reader reads from a folder of this executable's own, set before
-// it is made; each test starts with nothing stored, on a fresh fake device.
+// The shared reader reads from a folder of this executable's own, and the
+// device description from a file there: radio 3 on a carrier build, whose
+// fusing state follows from its serial number. Both are named before the
+// process's first read. Each test starts with nothing stored.
 class ConfigTest : public ::testing::Test {
   protected:
-    static void SetUpTestSuite() { setenv("KEL_PREFERENCES_DIR", sFolder.path().c_str(), 1); }
-    void SetUp() override { fakeDevice() = {}; }
+    static void SetUpTestSuite() {
+        setenv("KEL_PREFERENCES_DIR", sFolder.path().c_str(), 1);
+        setenv("KEL_DEVICE_DESCRIPTION", sFolder.file("device.json").c_str(), 1);
+        std::ofstream(sFolder.file("device.json"))
+            << R"({"radio": 3, "fusingCertIDFromSerialNumber": true})";
+    }
     void TearDown() override { unlink(sStore.c_str()); }
 
     // Rewrites the store in place, as an editor would.
@@ -55,52 +58,28 @@ TEST_F(ConfigTest, KeysTakeOnlyValuesOfTheirOwnType) {
     EXPECT_EQ(KELProperties::getHistory(), 12);
 }
 
-// Radio by radio, 0 to 11: coexistence, radio health, network policy.
+// Radio 3 counts for coexistence but neither for radio health nor for network
+// policy when a setting is automatic: 2, or anything but 0 and 1.
 TEST_F(ConfigTest, TriStateKeysDecideFromTheRadioUnlessSetToZeroOrOne) {
     const auto supported = [] {
-        std::string coex, health, policy;
-        for (uint32_t radio = 0; radio < 12; ++radio) {
-            fakeDevice().radio = radio;
-            const Capabilities record;
-            coex += "01"[KELProperties::isCoexSupported(record)];
-            health += "01"[KELProperties::isRadioHealthSupported(record)];
-            policy += "01"[record.isNetworkPolicySupported()];
-        }
-        return coex + " " + health + " " + policy;
+        const std::shared_ptr<Capabilities> record = Capabilities::instance();
+        return std::string{"01"[KELProperties::isCoexSupported(*record)],
+                           "01"[KELProperties::isRadioHealthSupported(*record)],
+                           "01"[record->isNetworkPolicySupported()]};
     };
-    const std::string automatic = "011111111110 011010101000 000000001010";
-    EXPECT_EQ(supported(), automatic);
+    EXPECT_EQ(supported(), "100");
     store(R"({"CoexSupported": -1, "RadioHealthSupported": 3, "NetworkPolicySupported": "1"})");
-    EXPECT_EQ(supported(), automatic);
+    EXPECT_EQ(supported(), "100");
     store(R"({"CoexSupported": 0, "RadioHealthSupported": 1, "NetworkPolicySupported": 1})");
-    EXPECT_EQ(supported(), "000000000000 111111111111 111111111111");
+    EXPECT_EQ(supported(), "011");
 }
 
-// Whether the record is of a carrier or an internal build, then the radio
-// the platform reports at the call. The fake infers the fusing state from the
-// length of the serial number, or takes the certificate id for it.
-TEST_F(ConfigTest, QuestionsThatAskThePlatformAgain) {
-    fakeDevice().carrierBuild = false;
-    const Capabilities neither;
-    fakeDevice().internalBuild = true;
-    const Capabilities internal;
-    fakeDevice() = {.radio = 9};
-    const Capabilities carrier;
-    EXPECT_FALSE(neither.currentRadioIs9OnCarrierOrInternalBuild());
-    EXPECT_TRUE(internal.currentRadioIs9OnCarrierOrInternalBuild() &&
-                carrier.currentRadioIs9OnCarrierOrInternalBuild() &&
-                Capabilities::currentRadioIs7Or9());
-    fakeDevice().radio = 6;
-    EXPECT_TRUE(Capabilities::currentRadioIs6Or7Or9() && !Capabilities::currentRadioIs7Or9());
-
-    const uint8_t serial[] = {'A', 0, 'B'};
-    EXPECT_EQ(Capabilities::getFusingState(serial, 1), RadioFusingState::kUnFused);
-    fakeDevice().fusingCertIDFromSerialNumber = true;
-    EXPECT_EQ(Capabilities::getFusingState(serial, 1), RadioFusingState::kFused);
-    const char* kNames[] = {"Unknown", "Un-Fused", "Fused Pre Validation", "Fused", "Unknown"};
-    for (uint32_t code = 0; code < std::size(kNames); ++code) {
-        EXPECT_EQ(Capabilities::fusingStateName(static_cast<RadioFusingState>(code)), kNames[code]);
-    }
+// The serial number reaches the device's inference whole, zero bytes
+// included: all zeros are un-fused, anything else fused.
+TEST_F(ConfigTest, FusingStateComesFromTheWholeSerialNumber) {
+    const uint8_t zeros[] = {0, 0}, leadingZeros[] = {0, 0, 'B'};
+    EXPECT_EQ(Capabilities::getFusingState(zeros, 1), RadioFusingState::kUnFused);
+    EXPECT_EQ(Capabilities::getFusingState(leadingZeros, 1), RadioFusingState::kFused);
 }
 
 TEST_F(ConfigTest, TwoThreadsShareOneInstanceOfEach) {

@@ -20,7 +20,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/doubles/fake_device.h"
+#include "config/kel_properties.h"
 #include "tests/support/log_recording.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/test_child.h"
@@ -41,7 +41,7 @@ struct Scenario {
     int busyChecks = 0;                      // the server is busy at so many checks, then idle
     bool mirrorsOn = true;                   // the system log's default level
     bool recordsOn = true;                   // the level filter lets the records through
-    bool carrierBuild = true;                // where the log file is on by default
+    bool logOff = false;                     // the preference says no (on by default here)
     const char* scratchFolder = "scratch/";  // in the test's folder
     std::function<void()> onStart = [] {};
     std::function<void()> onCheck = [] {};
@@ -75,16 +75,21 @@ struct Life {
 
 class LifecycleTest : public ::testing::Test {
   protected:
-    // The preferences are read from an empty folder of the suite's, named
-    // before the process's first read.
-    static void SetUpTestSuite() { setenv("KEL_PREFERENCES_DIR", sPreferences.path().c_str(), 1); }
+    // The preferences are read from a folder of the suite's, named before the
+    // process's first read, and no device description says that this is
+    // anything but a carrier build, where the log file is on by default.
+    static void SetUpTestSuite() {
+        setenv("KEL_PREFERENCES_DIR", sPreferences.path().c_str(), 1);
+        setenv("KEL_DEVICE_DESCRIPTION", sPreferences.file("none").c_str(), 1);
+    }
 
     Life live(const Scenario& scenario) {
         Life life;
         const CapturedSystemLog systemLog;
         const auto writer = std::make_shared<RecordingWriter>();
         const std::string scratch = dir_.file(scenario.scratchFolder);
-        fakeDevice().carrierBuild = scenario.carrierBuild;
+        const std::string store = sPreferences.file(KELProperties::kDomain + std::string(".json"));
+        std::ofstream(store) << (scenario.logOff ? R"({"kel.enabled": "no"})" : "{}");
         systemlog::setEnabled(systemlog::Level::kDefault, scenario.mirrorsOn);
         lum::setMinimumLevel(scenario.recordsOn ? lum::LogLevel::kDebug : lum::LogLevel::kNotice);
         life.status = runDaemon({
@@ -160,8 +165,8 @@ TEST_F(LifecycleTest, EndsInOrderOnEveryPath) {
         {"the log glued to a folder without a trailing slash",
          {.mayHost = false, .scratchFolder = "scratch"},
          {kNotAllowed, kExit}},
-        {"the log off off carrier builds",
-         {.mayHost = false, .carrierBuild = false},
+        {"the log switched off",
+         {.mayHost = false, .logOff = true},
          {kNotAllowed, kExit},
          LogFile::kNothingMade},
         {"no log without the scratch folder's parent",
