@@ -44,12 +44,7 @@ class SignalsSocketsAndLimitsTest : public ::testing::Test {
     std::string socketPath() const { return dir_.file("helper-server.sock"); }
     // The test's folder is the daemon's runtime folder, so that its scratch
     // folder can be made there at start-up and it keeps its log file.
-    // ThreadSanitizer would otherwise wait a second before every exit.
-    std::vector<std::string> environment() const {
-        std::vector<std::string> env = isolatedEnvironment(dir_.path());
-        env.push_back("TSAN_OPTIONS=halt_on_error=1:atexit_sleep_ms=0");
-        return env;
-    }
+    std::vector<std::string> environment() const { return isolatedEnvironment(dir_.path()); }
 
     TempDir dir_;
 };

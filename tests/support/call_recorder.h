@@ -38,7 +38,23 @@ struct CallRecorder {
     CallRecorder& operator=(const CallRecorder&) = delete;
 
     // For the interposer: true when this call must fail (errno is then set).
-    bool onCall(const char* function);
+    bool onCall(const char* function) {
+        if (armedGuards == 0) {
+            unguardedCalls.insert(function);
+        }
+        // The count starts at 1: a failure at call 0 never comes.
+        if ((!failure.function.empty() && failure.function != function) ||
+            ++counted != failure.nth) {
+            return false;
+        }
+        injected = function;
+        if (failure.runFirst) {
+            failure.runFirst();
+            return false;
+        }
+        errno = failure.error;
+        return true;
+    }
 
     // The recorder of the calling thread, or null.
     static inline thread_local CallRecorder* sActive = nullptr;
