@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,16 +22,10 @@ using Clock = std::chrono::steady_clock;
 DaemonProcess::DaemonProcess(const std::string& binary,
                              const std::vector<std::string>& extraEnvironment, int stderrFd,
                              const std::vector<std::string>& arguments) {
-    platform::UniqueFd writeEnd;
     std::string journalStream = "JOURNAL_STREAM=";
     if (stderrFd == kCaptureStderr) {
-        int pipeFds[2];
-        if (pipe2(pipeFds, O_CLOEXEC) != 0) {
-            throw std::runtime_error("pipe2 failed");
-        }
-        stderr_.reset(pipeFds[0]);
-        writeEnd.reset(pipeFds[1]);
-        stderrFd = writeEnd.get();
+        stderr_.reset(memfd_create("stderr", MFD_CLOEXEC));
+        stderrFd = stderr_.get();
         journalStream += journalStreamOf(stderrFd);
     }
 
@@ -90,8 +85,6 @@ std::optional<int> DaemonProcess::waitForExit(std::chrono::milliseconds timeout)
         return status_;
     }
     status_ = status;
-    // The pipe holds all that the process wrote (a few lines), and nobody
-    // writes to it any more: a read of it through /proc ends at its end.
     if (stderr_.valid()) {
         lines_ = linesOf(readFile("/proc/self/fd/" + std::to_string(stderr_.get())));
     }
