@@ -23,8 +23,9 @@ class DaemonProcess {
     // Starts `binary` with `arguments`, default signal dispositions, no signal
     // blocked, standard input /dev/null, and the current environment with
     // `extraEnvironment` ("NAME=value" entries) in front, overriding it. Its
-    // standard error is collected in a file in memory (named as the journal's stream, so that its
-    // lines carry their priority), or is `stderrFd`, or is closed.
+    // standard error is collected in a file in memory (named as the journal's
+    // stream, so that its lines carry their priority), or is `stderrFd`, or is
+    // closed.
     DaemonProcess(const std::string& binary, const std::vector<std::string>& extraEnvironment,
                   int stderrFd = kCaptureStderr, const std::vector<std::string>& arguments = {});
     ~DaemonProcess();
