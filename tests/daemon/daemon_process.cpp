@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "tests/support/log_recording.h"
+#include "tests/support/outside_probes.h"
 #include "tests/support/temp_dir.h"
 
 extern char** environ;
@@ -92,18 +93,15 @@ std::optional<int> DaemonProcess::waitForExit(std::chrono::milliseconds timeout)
 }
 
 bool DaemonProcess::waitUntilSigtermIgnored(std::chrono::milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
     const std::string statusPath = "/proc/" + std::to_string(pid_) + "/status";
-    do {
-        const std::string status = readFile(statusPath);
-        const size_t ignored = status.find("SigIgn:");
-        if (ignored != std::string::npos &&
-            (std::stoull(status.substr(ignored + 7), nullptr, 16) >> (SIGTERM - 1) & 1) != 0) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    } while (Clock::now() < deadline);
-    return false;
+    return eventually(
+        [&] {
+            const std::string status = readFile(statusPath);
+            const size_t ignored = status.find("SigIgn:");
+            return ignored != std::string::npos &&
+                   (std::stoull(status.substr(ignored + 7), nullptr, 16) >> (SIGTERM - 1) & 1) != 0;
+        },
+        timeout);
 }
 
 }  // namespace kel::testing

@@ -97,11 +97,11 @@ TEST_F(SignalsSocketsAndLimitsTest, SigtermEndsItInOrderWithinABound) {
             reader.reset();
         }
         UniqueFd client;  // the first, which starts a daemon that a manager starts
-        for (const auto end = Clock::now() + kQuick;
-             c.activated && !client.valid() && Clock::now() < end;
-             std::this_thread::sleep_for(1ms)) {
+        const auto connects = [&] {
             client.reset(unixSocketAt(socketPath()));
-        }
+            return client.valid();
+        };
+        ASSERT_TRUE(!c.activated || eventually(connects, kQuick));
         ASSERT_TRUE(daemon.waitUntilSigtermIgnored(kQuick));
         if (c.stderrIs == Stderr::kClosed) {
             // Else whatever the daemon opened first would take its lines.
@@ -152,19 +152,16 @@ TEST_F(SignalsSocketsAndLimitsTest, EveryDescriptorLimitEndsInOrderOrRuns) {
             return timer && daemon.waitUntilSigtermIgnored(0ms);
         };
         bool exited = false;
-        bool running = false;
         // Well before the first idle check at 8 s, which would end a daemon
         // that runs without its SIGTERM watch.
-        for (const auto end = Clock::now() + 5s; !exited && !running && Clock::now() < end;) {
-            exited = daemon.waitForExit(1ms).has_value();
-            running = !exited && watched();
-        }
+        ASSERT_TRUE(eventually(
+            [&] { return (exited = daemon.waitForExit(0ms).has_value()) || watched(); }, 5s))
+            << "neither ended nor running with both watches";
         if (exited) {
             const std::vector<std::string> lines = exitedCleanly(daemon, 0ms);
             EXPECT_TRUE(lines.empty() || lines.back() == kExit) << ::testing::PrintToString(lines);
             continue;
         }
-        ASSERT_TRUE(running) << "neither ended nor running with both watches";
         daemon.sendSignal(SIGTERM);
         EXPECT_THAT(exitedCleanly(daemon, 1s), ElementsAre(kSignal, kExit));
     }

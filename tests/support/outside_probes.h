@@ -1,5 +1,6 @@
 // The daemon seen from outside, for tests and benchmarks: clients of its
-// Unix-domain stream socket (close-on-exec), and figures of its process.
+// Unix-domain stream socket (close-on-exec), figures of its process, and
+// waiting for what it shows.
 #pragma once
 
 #include <sys/socket.h>
@@ -8,7 +9,9 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <thread>
@@ -46,6 +49,18 @@ inline std::vector<std::jthread> writeFlatOut(const std::string& path, int count
         });
     }
     return clients;
+}
+
+// Whether `condition` comes to hold within `timeout`, asked every millisecond:
+// for a state of another thread or process that has no event to wait on.
+inline bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    for (; !condition(); std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
+        if (std::chrono::steady_clock::now() >= end) {
+            return false;
+        }
+    }
+    return true;
 }
 
 inline long openDescriptors(pid_t pid) {

@@ -14,7 +14,6 @@
 #include <fstream>
 #include <functional>
 #include <string>
-#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,16 +30,6 @@ using namespace std::chrono_literals;
 using platform::UniqueFd;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-
-// Waits up to a few seconds for `condition`; there is no event to wait on
-// for what the server's thread has done.
-bool becomes(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + 5s;
-    while (!condition() && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(1ms);
-    }
-    return condition();
-}
 
 class HelperServerTest : public ::testing::Test {
   protected:
@@ -65,12 +54,12 @@ TEST_F(HelperServerTest, BusyWhileAClientStaysAndNeverOnceStopped) {
     ASSERT_TRUE(server && server->start());
     UniqueFd client(unixSocketAt(socketPath()));
     ASSERT_EQ(shutdown(client.get(), SHUT_WR), 0);
-    EXPECT_TRUE(becomes([&] { return server->isBusy(); }));
+    EXPECT_TRUE(eventually([&] { return server->isBusy(); }, 5s));
     client.reset();
-    EXPECT_TRUE(becomes([&] { return !server->isBusy(); }));
+    EXPECT_TRUE(eventually([&] { return !server->isBusy(); }, 5s));
 
     client.reset(unixSocketAt(socketPath()));
-    EXPECT_TRUE(becomes([&] { return server->isBusy(); }));
+    EXPECT_TRUE(eventually([&] { return server->isBusy(); }, 5s));
     server->stop();
     EXPECT_FALSE(server->isBusy());
     EXPECT_FALSE(server->start());
