@@ -19,35 +19,25 @@ namespace {
 using kel::testing::readFile;
 using namespace std::string_literals;
 
-class KelprefsTest : public ::testing::Test {
-  protected:
-    // The device description is missing until a test writes it: a carrier
-    // build that is not internal.
-    void SetUp() override {
-        setenv("KEL_PREFERENCES_DIR", folder_.path().c_str(), 1);
-        setenv("KEL_DEVICE_DESCRIPTION", folder_.file("device.json").c_str(), 1);
-    }
-
-    // kelprefs with `args`, a shell command line, run by `launcher` if given:
-    // its exit status, and its standard output on success, its standard error
-    // otherwise.
-    std::pair<int, std::string> run(const std::string& args,
-                                    const std::string& launcher = "") const {
-        const std::string out = folder_.file("out"), err = folder_.file("err");
-        const int status = std::system(
-            (launcher + " " KEL_KELPREFS " " + args + " >" + out + " 2>" + err).c_str());
-        const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        return {code, readFile(code == 0 ? out : err)};
-    }
-
-    const kel::testing::TempDir folder_;
-    const std::string store_ = folder_.file(KELProperties::kDomain + std::string(".json"));
-};
-
 // Each row runs on the file as the rows before left it, unless it gives one.
 // The output is the whole standard output of a success, a part of standard
 // error otherwise; a failure leaves the file as it was.
-TEST_F(KelprefsTest, CommandLines) {
+TEST(KelprefsTest, CommandLines) {
+    // The device description is missing until the test writes it: a carrier
+    // build that is not internal.
+    const kel::testing::TempDir folder;
+    setenv("KEL_PREFERENCES_DIR", folder.path().c_str(), 1);
+    setenv("KEL_DEVICE_DESCRIPTION", folder.file("device.json").c_str(), 1);
+    const std::string store = folder.file(KELProperties::kDomain + std::string(".json"));
+    // kelprefs with `args`, a shell command line: its exit status, and its
+    // standard output on success, its standard error otherwise.
+    const auto run = [&](const std::string& args) {
+        const std::string out = folder.file("out"), err = folder.file("err");
+        const int status =
+            std::system((KEL_KELPREFS " " + args + " >" + out + " 2>" + err).c_str());
+        const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return std::pair(code, readFile(code == 0 ? out : err));
+    };
     const std::string deep = R"({"a": )" + std::string(500'000, '[') + std::string(500'000, ']');
     const struct {
         std::optional<std::string> file;
@@ -92,15 +82,15 @@ TEST_F(KelprefsTest, CommandLines) {
         {R"([{"a": 1}])", "list", 2, "does not hold a JSON object"},
         {"{\"a\": 1}\0{\"b\": 2}"s, "write c --int 1", 2, "has bytes after its JSON value"},
         {deep + "}", "write b --int 1", 2, "nested deeper than 16 levels"}};
-    ASSERT_EQ(close(creat(store_.c_str(), 0640)), 0);
+    ASSERT_EQ(close(creat(store.c_str(), 0640)), 0);
     for (const auto& row : kRows) {
         if (row.file) {
-            std::ofstream(store_) << *row.file;
+            std::ofstream(store) << *row.file;
         }
-        const std::string before = readFile(store_);
+        const std::string before = readFile(store);
         const auto [status, output] = run(row.args);
         EXPECT_EQ(status, row.status) << row.args << ": " << output;
-        const std::string after = readFile(store_);
+        const std::string after = readFile(store);
         EXPECT_EQ(after.find("kept") == std::string::npos,
                   before.find("kept") == std::string::npos);
         if (row.status == 0) {
@@ -112,12 +102,12 @@ TEST_F(KelprefsTest, CommandLines) {
     }
     // A write puts a whole new file in the old one's place and never rewrites
     // the old one: a reader that opened the old file goes on reading it whole.
-    std::ofstream(store_) << R"({"k": "old"})";
-    std::ifstream reader(store_);
+    std::ofstream(store) << R"({"k": "old"})";
+    std::ifstream reader(store);
     ASSERT_EQ(run("write k --string new").first, 0);
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(reader), {}), R"({"k": "old"})");
     struct stat file {};
-    ASSERT_EQ(stat(store_.c_str(), &file), 0);
+    ASSERT_EQ(stat(store.c_str(), &file), 0);
     EXPECT_EQ(file.st_mode & 07777, 0640u);
     // The device description gives the build kind, the radio and the vendor
     // that the defaults of "kel.enabled", "RFSFlushTimeout" and
@@ -128,14 +118,15 @@ TEST_F(KelprefsTest, CommandLines) {
         {R"({"vendor": 2, "internalBuild": true})", "false\n15\nfalse\n"},
         {R"({"carrierBuild": false})", "false\n15\nfalse\n"}};
     for (const auto& [device, effective] : kDevices) {
-        std::ofstream(folder_.file("device.json")) << device;
+        std::ofstream(folder.file("device.json")) << device;
         EXPECT_EQ(run("list --effective | grep -E 'enabled|FlushTimeout|Coex' | cut -f3").second,
                   effective)
             << device;
     }
     // A write makes the store's folder and its parents.
-    EXPECT_EQ(run("write k --int 1", "KEL_PREFERENCES_DIR=" + folder_.file("a/b")).first, 0);
-    EXPECT_EQ(access(folder_.file("a/b/org.kel.basebandmanager.json").c_str(), F_OK), 0);
+    setenv("KEL_PREFERENCES_DIR", folder.file("a/b").c_str(), 1);
+    EXPECT_EQ(run("write k --int 1").first, 0);
+    EXPECT_EQ(access(folder.file("a/b/org.kel.basebandmanager.json").c_str(), F_OK), 0);
 }
 
 }  // namespace
