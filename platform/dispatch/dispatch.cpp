@@ -214,9 +214,10 @@ class MainQueue final : public dispatch_queue_s {
         std::lock_guard lock(mutex_);
         const bool wasEmpty = items_.empty();
         items_.push(work);
+        // Neither this write nor the drain's read can fail: the counter is 1
+        // at most, and it is read only while the list holds work.
         if (wasEmpty && eventFd_.valid()) {
-            const uint64_t one = 1;
-            (void)!write(eventFd_.get(), &one, sizeof one);
+            static_cast<void>(eventfd_write(eventFd_.get(), 1));
         }
     }
 
@@ -231,8 +232,8 @@ class MainQueue final : public dispatch_queue_s {
                 return 0;
             }
             batch = items_.take();
-            uint64_t count;
-            (void)!read(eventFd_.get(), &count, sizeof count);
+            eventfd_t count;
+            static_cast<void>(eventfd_read(eventFd_.get(), &count));
         }
         int ran = 0;
         while (Work* work = batch.pop()) {
