@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <stdexcept>
-#include <thread>
 
 #include "tests/support/log_recording.h"
 #include "tests/support/outside_probes.h"

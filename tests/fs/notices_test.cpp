@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -42,14 +43,14 @@ TEST(NoticeTest, ShowsEachTitleOnceUnlessRepeatsAreAllowed) {
     const kel::testing::TempDir dir;
     setenv("KEL_DEVICE_DESCRIPTION", dir.file("device.json").c_str(), 1);
     const char* const kShown = "^<5>once: first\n<5>twice: again\n<5>twice: again\n<5>: plain\n$";
-    const struct {
-        const char *device, *shown;
-    } kBuilds[] = {{"{}", kShown},
-                   {R"({"carrierBuild": false, "internalBuild": true})", kShown},
-                   {R"({"carrierBuild": false})", "^$"}};
-    for (const auto& build : kBuilds) {
-        std::ofstream(dir.file("device.json")) << build.device;
-        EXPECT_EXIT(showNotices(), ::testing::ExitedWithCode(0), build.shown) << build.device;
+    // Device descriptions, and what each build kind shows.
+    const std::pair<const char*, const char*> kBuilds[] = {
+        {"{}", kShown},
+        {R"({"carrierBuild": false, "internalBuild": true})", kShown},
+        {R"({"carrierBuild": false})", "^$"}};
+    for (const auto& [device, shown] : kBuilds) {
+        std::ofstream(dir.file("device.json")) << device;
+        EXPECT_EXIT(showNotices(), ::testing::ExitedWithCode(0), shown) << device;
     }
 }
 
