@@ -136,7 +136,7 @@ TEST(PathSplitTest, LastComponentAndDirectoryPartSplitAtTheLastSlash) {
 TEST(DirectoriesTest, ListingMatchingAndRotation) {
     const TempDir root;
     makeTree(root.path(),
-             "mkdir e m m-1 snap-1 snap-7 snap-x r && touch snap-07 snap-10.tmp r/d-2"
+             "mkdir e m m-1 snap-1 snap-7 snap-x r && touch snap-0x10 snap-10.tmp r/d-2"
              " && ln -s snap-1 snap-9");
     Tree names;
     fsutil::listDirectory(root.file("e"), names);
@@ -144,9 +144,11 @@ TEST(DirectoriesTest, ListingMatchingAndRotation) {
     EXPECT_THAT(names, ::testing::UnorderedElementsAre(".", ".."));
     EXPECT_TRUE(fsutil::findMatching(root.path(), std::regex("snap-9"), names, true));
     EXPECT_EQ(fsutil::moveAside(root.file("e"), root.file("missing/m")), "");
+    EXPECT_EQ(fsutil::moveAside(root.file("r/d-2"), root.file("m")), "");  // a file stays
     EXPECT_EQ(fsutil::moveAside(root.file("e"), root.file("m")), root.file("m-2"));
-    // Links and names that match only in part are not counted.
-    EXPECT_EQ(fsutil::highestNumberedPath(root.file("snap")), root.file("snap-7/"));
+    // Links and names that match only in part are not counted; a suffix reads
+    // as strtol reads it with base 0, and the name is rebuilt from the number.
+    EXPECT_EQ(fsutil::highestNumberedPath(root.file("snap")), root.file("snap-16/"));
     EXPECT_EQ(fsutil::highestNumberedPath(root.file("r/d//")), root.file("r/d-2/"));
     EXPECT_EQ(fsutil::highestNumberedPath(root.file("none")), root.file("none"));
     EXPECT_EQ(fsutil::highestNumberedPath("snap"), "snap");
