@@ -64,5 +64,11 @@ kel_build_deb() {
         tail -n 30 "$stage.log" >&2
         return 1
     fi
-    lintian --pedantic --fail-on error,warning "$repo_root"/build/deb/*.deb
+    # lintian leaves empty scratch folders in its TMPDIR: give it one of ours.
+    local scratch="$repo_root/build/deb/lintian-tmp" status=0
+    mkdir -p "$scratch"
+    TMPDIR="$scratch" lintian --pedantic --fail-on error,warning "$repo_root"/build/deb/*.deb ||
+        status=$?
+    rm -rf "$scratch"
+    return "$status"
 }
