@@ -112,9 +112,7 @@ class LifecycleTest : public ::testing::Test {
         EXPECT_EQ(runDaemon(parts), 0);
         systemlog::setEnabled(systemlog::Level::kDefault, true);
         lum::setMinimumLevel(lum::LogLevel::kDebug);
-        for (const std::string& line : systemLog.lines()) {
-            life.systemLog += line + "\n";
-        }
+        life.systemLog = systemLog.text();
         for (const lum::LogMessage& message : writer->messages()) {
             life.records.push_back(message.secondText);
         }

@@ -12,9 +12,12 @@
 #include <gtest/gtest.h>
 
 #include "platform/posix/unique_fd.h"
+#include "tests/support/outside_probes.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 // Another holder's write lock (here an open file description's, which
 // conflicts with this process's own record locks as another process's would)
@@ -35,10 +38,11 @@ TEST(LockSharedTest, WaitsForAWriteLock) {
         fd = fsutil::lockShared(file);
         taker = -1;
     });
-    while (taker != -1 &&
-           !kel::testing::readFile("/proc/self/task/" + std::to_string(taker) + "/syscall")
-                .starts_with(std::to_string(SYS_fcntl) + " ")) {
-    }
+    const auto inFcntl = [&] {
+        return kel::testing::readFile("/proc/self/task/" + std::to_string(taker) + "/syscall")
+            .starts_with(std::to_string(SYS_fcntl) + " ");
+    };
+    EXPECT_TRUE(kel::testing::eventually([&] { return taker == -1 || inFcntl(); }, 10s));
     EXPECT_NE(taker, -1) << "lockShared did not wait for the write lock";
     holder.reset();  // the lock goes with its last descriptor
     taking.join();

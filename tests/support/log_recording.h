@@ -93,9 +93,8 @@ class CapturedSystemLog {
     CapturedSystemLog(const CapturedSystemLog&) = delete;
     CapturedSystemLog& operator=(const CapturedSystemLog&) = delete;
 
-    std::vector<std::string> lines() const {
-        return linesOf(readFile("/proc/self/fd/" + std::to_string(fd_.get())));
-    }
+    std::string text() const { return readFile("/proc/self/fd/" + std::to_string(fd_.get())); }
+    std::vector<std::string> lines() const { return linesOf(text()); }
 
   private:
     const platform::UniqueFd fd_{memfd_create("systemlog", MFD_CLOEXEC)};
